@@ -1,0 +1,24 @@
+#pragma once
+
+// The whole public API of zyldb. Hosts include this one header and link
+// zyldb::zyldb (or -lzyldb).
+
+#include <zyldb/export.h>
+#include <zyldb/version.h>
+
+#include <zyldb/platform/AssocList.h>
+#include <zyldb/platform/Cookie.h>
+#include <zyldb/platform/CriticalSection.h>
+#include <zyldb/platform/GrowString.h>
+#include <zyldb/platform/LightweightString.h>
+#include <zyldb/platform/Logging.h>
+#include <zyldb/platform/Notifier.h>
+#include <zyldb/platform/OS.h>
+#include <zyldb/platform/QmException.h>
+#include <zyldb/platform/QmPtr.h>
+#include <zyldb/platform/SystemWatchdog.h>
+#include <zyldb/platform/TextFile.h>
+#include <zyldb/platform/TextSearch.h>
+#include <zyldb/platform/TextUtil.h>
+#include <zyldb/platform/configb.h>
+#include <zyldb/platform/time_def.h>

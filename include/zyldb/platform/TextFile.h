@@ -1,0 +1,62 @@
+#pragma once
+
+// TextFile: a text file held in memory as a list of lines, loaded and saved
+// whole. Lines are stored without their line ends. Readers walk it with the
+// public current-line counter `currentLine`.
+//
+// Loading accepts LF and CRLF line ends alike (a CR right before the LF is
+// dropped) and keeps a last line that has no line end. Saving never leaves a
+// half-written file in place of the old one: the text goes to a temporary
+// file beside the target, which is flushed and then renamed over it.
+//
+// A TextFile is used by one thread at a time.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <zyldb/export.h>
+#include <zyldb/platform/LightweightString.h>
+
+class ZYLDB_EXPORT TextFile {
+ public:
+  // Line-end styles for save(): 0 the platform's (LF here), 1 LF, 2 CRLF.
+  enum eEOLStyle { eNative = 0, eLF = 1, eCRLF = 2 };
+
+  TextFile();
+
+  // Replaces the lines with those of the file `name`; `separator` is the
+  // line-end character ('\n'); the bool is unused. Resets currentLine to 0.
+  // Returns false (and holds no lines) when the file cannot be read.
+  bool load(const LightweightString<wchar_t>& name, char separator = '\n', bool unused = false);
+
+  // Writes every line followed by the style's line end, atomically as
+  // described above. Returns false when the file could not be written (the
+  // old file, if any, is then unchanged and no temporary file is left).
+  bool save(const LightweightString<wchar_t>& name, eEOLStyle style = eLF) const;
+
+  void appendLine(const LightweightString<char>& line);
+  void appendLine(std::string_view line);
+
+  // Line n as NUL-terminated text; "" for n at or past the end. Valid until
+  // the file is next changed. A NUL byte inside a line ends the text here.
+  const char* line(unsigned int n) const;
+  // The length of line n in bytes (NULs included); 0 past the end.
+  size_t lineLength(unsigned int n) const;
+  // Line n as a string (a copy); the empty string past the end.
+  LightweightString<char> operator[](unsigned int n) const;
+
+  unsigned int getNumLines() const { return static_cast<unsigned int>(starts_.size()); }
+  unsigned int size() const { return getNumLines(); }
+  void clear();
+
+  // The number of the next line a reader takes.
+  uint32_t currentLine = 0;
+  uint32_t getCurrentLine() const { return currentLine; }
+  void setCurrentLine(uint32_t n) { currentLine = n; }
+
+ private:
+  std::string buf_;             // every line followed by one NUL
+  std::vector<size_t> starts_;  // offset of each line in buf_
+};
