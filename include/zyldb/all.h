@@ -22,3 +22,7 @@
 #include <zyldb/platform/TextUtil.h>
 #include <zyldb/platform/configb.h>
 #include <zyldb/platform/time_def.h>
+
+#include <zyldb/zyldbDllVersion.h>
+#include <zyldb/fieldmap/FieldMap.h>
+#include <zyldb/container/QMContainerFile.h>

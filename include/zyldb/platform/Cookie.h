@@ -9,7 +9,9 @@
 // and id 0; its text form is the empty string.
 //
 // Type letters used by the library: 'I' invalid, 'M' a bin ("...sg" files),
-// 'B' a rack ("...rak" files); hosts use any other printable ASCII letter.
+// 'B' a rack ("...rak" files); hosts use any other printable ASCII character
+// except the blank. Any other type (control characters, blank, bytes >= 0x7f)
+// makes the invalid cookie, so Cookie(c.asString(), true) == c for every c.
 
 #include <compare>
 #include <cstdint>

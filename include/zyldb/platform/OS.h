@@ -62,6 +62,8 @@ class ZYLDB_EXPORT FileService {
   // storage (fsync). False on any failure (the file may then be partial).
   virtual bool writeFile(const LightweightString<wchar_t>& path, const char* data, size_t n) = 0;
   // Renames `from` onto `to`, replacing `to` in one step. flags must be 0.
+  // When `to` is an existing regular file, the moved file takes its
+  // permission bits first (best effort), so a replaced file keeps its mode.
   virtual bool move(const LightweightString<wchar_t>& from, const LightweightString<wchar_t>& to,
                     int flags) = 0;
   virtual bool remove(const LightweightString<wchar_t>& path) = 0;

@@ -38,6 +38,9 @@ class ZYLDB_EXPORT TextFile {
 
   void appendLine(const LightweightString<char>& line);
   void appendLine(std::string_view line);
+  // Resolves appendLine("literal"), which the two above make ambiguous; null
+  // appends an empty line.
+  void appendLine(const char* line) { appendLine(line ? std::string_view(line) : std::string_view()); }
 
   // Line n as NUL-terminated text; "" for n at or past the end. Valid until
   // the file is next changed. A NUL byte inside a line ends the text here.

@@ -11,7 +11,7 @@
 // decimal digits compared by value, so "Scene 9" < "scene 10" and "A2" < "a10".
 // Equal values with different leading zeros order the shorter run first;
 // texts that are otherwise equal order by plain byte comparison last, so the
-// result is 0 only for identical texts ignoring case.
+// result is 0 only for identical texts. A null pointer reads as "".
 ZYLDB_EXPORT int strxcmp(const char* a, const char* b);
 
 // True for an empty text and for one made of white space only (isspace on

@@ -1,0 +1,3 @@
+#include <zyldb/db/ODBBase.h>
+
+ODBBase::~ODBBase() = default;

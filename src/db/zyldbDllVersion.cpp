@@ -1,0 +1,5 @@
+#include <zyldb/zyldbDllVersion.h>
+
+#include <zyldb/version.h>
+
+const char* zyldbDllVersionStr() { return ZYLDB_VERSION_STRING; }

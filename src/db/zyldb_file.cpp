@@ -1,0 +1,472 @@
+// The table's file header and whole-file loading and saving. The text format
+// is described in docs/FILE_FORMAT.md.
+
+#include <zyldb/db/zyldb.h>
+
+#include <cctype>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <strings.h>
+
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/Logging.h>
+#include <zyldb/platform/QmException.h>
+#include <zyldb/platform/TextFile.h>
+#include <zyldb/platform/TextUtil.h>
+
+namespace {
+
+constexpr int kCurrentRevision = 1;
+constexpr const char kMagicName[] = "ZYLDB";
+// Scratch record width while reading a header; it grows as lines need.
+constexpr unsigned short kScratchFields = 24;
+// Records hold at most this many fields, so a wider file cannot be a table.
+constexpr unsigned int kMaxColumns = 0xFFFF;
+
+struct MinWidth {
+  const char* name;
+  int width;
+};
+
+// Display widths below which a column of that name is never written; the
+// first match (ignoring case) wins.
+constexpr MinWidth kMinWidths[] = {
+    {"Cookie", 12},         {"Type", 6},           {"Flags", 8},
+    {"Name", 32},           {"Date", 12},          {"Size", 8},
+    {"pic qual", 4},        {"aud qual", 32},      {"chans", 64},
+    {"Start time", 12},     {"End time", 12},      {"Duration", 16},
+    {"Reel", 10},           {"Reel Type", 30},     {"Scene", 24},
+    {"Shot", 24},           {"Who", 24},           {"Description", 64},
+    {"Notes", 100},         {"snd start", 12},     {"snd end", 12},
+    {"snd reel", 10},       {"start 24P code", 12}, {"end 24P code", 12},
+    {"24P reel", 10},       {"film_origin", 3},    {"pulldown", 3},
+    {"sequence", 2},        {"start keycode", 17}, {"end keycode", 17},
+    {"film duration", 9},   {"start camcode", 12}, {"end camcode", 12},
+    {"cam reel", 10},       {"comp reel", 10},     {"cam_date", 6},
+    {"start inkcode", 15},  {"end inkcode", 15},   {"lab reel", 10},
+    {"Mdrive", 4},          {"Tag", 1},
+};
+constexpr int kDefaultMinWidth = 4;
+
+// The written form of a column type: a keyword for the ten codes that have
+// one, otherwise null (the code is written as one character).
+const char* typeKeyword(DBFieldTypes::eType t) {
+  switch (t) {
+    case DBFieldTypes::text_s: return "text_s";
+    case DBFieldTypes::time_of_day: return "time_of_day";
+    case DBFieldTypes::dos_date: return "dos_date";
+    case DBFieldTypes::timecode_s: return "timecode_s";
+    case DBFieldTypes::text: return "text";
+    case DBFieldTypes::date: return "date";
+    case DBFieldTypes::double_: return "double";
+    case DBFieldTypes::long_: return "long";
+    case DBFieldTypes::numeric: return "numeric";
+    case DBFieldTypes::timecode: return "timecode";
+    default: return nullptr;
+  }
+}
+
+inline bool isBlank(char c) {
+  unsigned char u = static_cast<unsigned char>(c);
+  return u < 0x80 && std::isspace(u);
+}
+
+const char* skipBlanks(const char* s) {
+  while (isBlank(*s)) ++s;
+  return s;
+}
+
+bool equalsMagic(const char* field) { return field && strcasecmp(field, kMagicName) == 0; }
+
+// A copy for the parameter list; heap_strdup reports exhaustion as null,
+// which the list cannot hold, so it is raised again here.
+char* copyParamText(const char* s, size_t n) {
+  std::string text(s, n);
+  char* p = heap_strdup(text.c_str());
+  if (!p) throw Qm::Exception::BadAlloc();
+  return p;
+}
+
+bool endsWithCsv(const LightweightString<wchar_t>& name) {
+  std::wstring_view v = name.view();
+  return v.size() >= 4 && v.substr(v.size() - 4) == L".csv";
+}
+
+}  // namespace
+
+// ---- Parameters ---------------------------------------------------------------
+
+int zyldb::getMinFieldSize(const char* name) {
+  if (!name) return kDefaultMinWidth;
+  for (const MinWidth& m : kMinWidths)
+    if (strcasecmp(name, m.name) == 0) return m.width;
+  return kDefaultMinWidth;
+}
+
+int zyldb::find_param(const char* name) const {
+  if (!name) return -1;
+  for (unsigned int i = 0; i < numParams; ++i)
+    if (strcasecmp(paramNames[i], name) == 0) return static_cast<int>(i);
+  return -1;
+}
+
+const char* zyldb::get_param_val(const char* name) const {
+  int i = find_param(name);
+  return i < 0 ? nullptr : paramValues[i];
+}
+
+namespace {
+
+// Appends (name, value) to a parameter list with room for it. Both copies
+// are made before the list changes, so exhaustion leaves it as it was.
+void appendParam(char** names, char** values, uint32_t& count, const char* name,
+                 size_t nameLen, const char* value) {
+  std::unique_ptr<char[]> n(copyParamText(name, nameLen));
+  values[count] = copyParamText(value, std::strlen(value));
+  names[count] = n.release();
+  ++count;
+}
+
+}  // namespace
+
+int zyldb::add_param(const char* name, const char* value) {
+  if (!name || !*name || !value) return -1;
+  int i = find_param(name);
+  if (i >= 0) {
+    if (std::strcmp(paramValues[i], value) == 0) return 0;
+    char* copy = copyParamText(value, std::strlen(value));
+    delete[] paramValues[i];
+    paramValues[i] = copy;
+    markChanged(false);
+    return 0;
+  }
+  if (numParams == 0) {
+    char rev[32];
+    std::snprintf(rev, sizeof rev, "Rev %d", kCurrentRevision);
+    appendParam(paramNames, paramValues, numParams, kMagicName, sizeof kMagicName - 1, rev);
+  }
+  // The magic name is refused only when spelled exactly: the list already
+  // holds it, and other spellings were found by the lookup above.
+  if (std::strcmp(name, kMagicName) == 0 || numParams >= kMaxParams) return -1;
+  appendParam(paramNames, paramValues, numParams, name, std::strlen(name), value);
+  markChanged(false);
+  return 0;
+}
+
+int zyldb::set_param_val(const char* name, const char* value) { return add_param(name, value); }
+
+int zyldb::read_params(TextFile& f, dbrecord* scratch) {
+  for (unsigned int i = 0; i < numParams; ++i) {
+    delete[] paramNames[i];
+    delete[] paramValues[i];
+    paramNames[i] = paramValues[i] = nullptr;
+  }
+  numParams = 0;
+
+  int n = scratch->read(f);
+  if (n == 0) return 0;
+  const char* first = scratch->get_field(0);
+  if (!first || strncasecmp(first, "ZYLDB:", 6) != 0) return -1;
+
+  const char* name = skipBlanks(first);
+  const char* colon = std::strchr(name, ':');
+  const char* value = skipBlanks(colon + 1);
+  appendParam(paramNames, paramValues, numParams, name, static_cast<size_t>(colon - name), value);
+
+  // The revision is the first run of digits in the value ("Rev 1" -> 1).
+  const char* digits = value;
+  while (*digits && !std::isdigit(static_cast<unsigned char>(*digits))) ++digits;
+  long rev = *digits ? std::strtol(digits, nullptr, 10) : 0;
+  revision = rev > INT_MAX ? INT_MAX : static_cast<int32_t>(rev);
+  if (revision != kCurrentRevision)
+    vorn_printf("zyldb::read_text:  Warning: zyldb is revision %d, current level is %d\n",
+                revision, kCurrentRevision);
+
+  // Parameter lines up to the terminator. A line without a colon is not a
+  // parameter: it ends the header there and stays in `scratch`, so that a
+  // lenient load can take it as the names line. A missing terminator also
+  // ends the loop at the first line without a field (an empty line or the
+  // end of the file).
+  for (;;) {
+    scratch->read(f);
+    const char* field = scratch->get_field(0);
+    if (!field) return -1;
+    if (equalsMagic(field)) return 0;
+    const char* pname = skipBlanks(field);
+    const char* pcolon = std::strchr(pname, ':');
+    if (!pcolon) return -1;
+    // An empty name holds no parameter; beyond the limit lines are dropped.
+    if (pcolon == pname || numParams >= kMaxParams) continue;
+    appendParam(paramNames, paramValues, numParams, pname, static_cast<size_t>(pcolon - pname),
+                skipBlanks(pcolon + 1));
+  }
+}
+
+void zyldb::save_params(TextFile& f) {
+  std::string line;
+  for (unsigned int i = 0; i < numParams; ++i) {
+    line.assign(1, '"');
+    line += paramNames[i];
+    line += ':';
+    line += paramValues[i];
+    line += '"';
+    f.appendLine(std::string_view(line));
+  }
+}
+
+int zyldb::save_column_header(TextFile& f, bool namesOnly) {
+  const unsigned int n = get_num_fields();
+  std::string line;
+  if (!namesOnly) {
+    f.appendLine(std::string_view("\"ZYLDB\""));
+
+    char buf[32];
+    for (unsigned int i = 0; i < n; ++i) {
+      int width = get_fieldsize(i);
+      int minimum = getMinFieldSize(get_fieldname(i));
+      std::snprintf(buf, sizeof buf, "\"%d\"%s", width > minimum ? width : minimum,
+                    i + 1 < n ? "," : "");
+      line += buf;
+    }
+    f.appendLine(std::string_view(line));
+
+    line.clear();
+    for (unsigned int i = 0; i < n; ++i) {
+      DBFieldTypes::eType type = get_field_type(i);
+      line += '"';
+      if (const char* keyword = typeKeyword(type)) {
+        line += keyword;
+      } else {
+        // An unnamed code is written as its one character. Characters that
+        // would break the line are escaped as in a value.
+        char c = static_cast<char>(type);
+        if (c == '"') line += "\"\"";
+        else if (c == '\n') line += "\\n";
+        else if (c != '\r' && c != 0) line += c;
+      }
+      line += '"';
+      if (i + 1 < n) line += ',';
+    }
+    f.appendLine(std::string_view(line));
+    line.clear();
+  }
+  for (unsigned int i = 0; i < n; ++i) {
+    line += '"';
+    line += get_fieldname(i);
+    line += '"';
+    if (i + 1 < n) line += ',';
+  }
+  f.appendLine(std::string_view(line));
+  return 1;
+}
+
+// ---- Files ------------------------------------------------------------------------
+
+void zyldb::set_filename(LightweightString<wchar_t> name) { fileName = std::move(name); }
+
+LightweightString<wchar_t> zyldb::get_filename() { return fileName; }
+
+void zyldb::loadFromFile(int maxRecords, bool strictHeader) {
+  free();
+  timecodeFields_.clear();
+
+  TextFile file;
+  if (!file.load(fileName, '\n', false)) return;
+
+  if (endsWithCsv(fileName)) {
+    // Plain comma-separated text: a names line, then one row per line; no
+    // quoting, no trimming, every column text_s.
+    if (file.getNumLines() > 0) {
+      std::vector<LightweightString<char>> names = Qm::splitIf(file[0], ',', 2);
+      if (names.size() > kMaxColumns) names.resize(kMaxColumns);
+      fieldNames.resize(names.size());
+      fieldTypes.resize(names.size(), DBFieldTypes::text_s);
+      numFields = static_cast<uint32_t>(names.size());
+      for (unsigned int i = 0; i < numFields; ++i) {
+        set_fieldname(i, names[i].c_str());
+        set_fieldtype(i, DBFieldTypes::text_s);
+      }
+    }
+    post_init();
+    for (unsigned int l = 1; l < file.getNumLines(); ++l) {
+      std::vector<LightweightString<char>> pieces = Qm::splitIf(file[l], ',', 2);
+      size_t k = pieces.size() < numFields ? pieces.size() : numFields;
+      if (k == 0) continue;
+      int row = add_records(1);
+      if (row < 0) break;
+      for (size_t j = 0; j < k; ++j)
+        setField(static_cast<unsigned int>(row), static_cast<unsigned int>(j), pieces[j]);
+    }
+    valid = 1;
+    return;
+  }
+
+  dbrecord scratch(kScratchFields);
+  read_params(file, &scratch);
+  if (numParams == 0) return;
+
+  if (equalsMagic(scratch.get_field(0))) {
+    int count = scratch.read(file);  // widths: only their number is used
+    if (static_cast<unsigned int>(count) > kMaxColumns) return;
+    unsigned int columns = static_cast<unsigned int>(count);
+
+    if (scratch.read(file) != count) {
+      fill_error_info(3, 3, 0, 0);
+      return;
+    }
+    fieldNames.resize(columns);
+    fieldTypes.resize(columns, DBFieldTypes::text);
+    numFields = columns;
+    for (unsigned int i = 0; i < columns; ++i) {
+      const char* keyword = scratch.get_field(static_cast<unsigned short>(i));
+      set_fieldtype(i, zyldb_string_to_fieldtype(keyword ? keyword : ""));
+    }
+
+    if (scratch.read(file) != count) {
+      fill_error_info(3, 4, 0, 0);
+      return;
+    }
+    valid = 1;
+  } else {
+    if (strictHeader) {
+      valid = 0;
+      return;
+    }
+    // The line after the parameters is taken as the names line; columns
+    // that look like start or end labels are typed as timecodes.
+    unsigned int columns = scratch.get_num_fields();
+    fieldNames.resize(columns);
+    fieldTypes.resize(columns, DBFieldTypes::text);
+    numFields = columns;
+    for (unsigned int i = 0; i < columns; ++i) {
+      const LightweightString<char> lower = toLower(scratch.getField(static_cast<unsigned short>(i)));
+      bool label = lower.view().find("start") != std::string_view::npos ||
+                   lower.view().find("end") != std::string_view::npos;
+      if (label) timecodeFields_.push_back(static_cast<int>(i));
+      set_fieldtype(i, label ? DBFieldTypes::timecode : DBFieldTypes::text);
+    }
+    valid = 1;
+  }
+  timecodeFields_.push_back(-1);
+
+  for (unsigned int i = 0; i < numFields; ++i) {
+    const char* name = scratch.get_field(static_cast<unsigned short>(i));
+    set_fieldname(i, name ? name : "");
+  }
+  post_init();
+  add_text(file, 0, maxRecords);
+}
+
+int zyldb::load_text(int maxRecords) {
+  TextFile file;
+  if (!file.load(fileName, '\n', false)) return 0;
+  return add_text(file, 1, maxRecords);
+}
+
+int zyldb::add_text(TextFile& f, int skipFirst, int maxRecords) {
+  if (maxRecords < 1 || numRecords >= capacity) return 0;
+  int added = 0;
+  for (;;) {
+    auto rec = std::make_unique<dbrecord>(static_cast<unsigned short>(numFields));
+    rec->set_container(this);
+    int count = rec->read(f);
+    if (count == 0) return added;
+    if (static_cast<unsigned int>(count) != numFields) {
+      fill_error_info(1, added, 0, 0);
+      LogBoth("zyldb::add_text: returning because not all fields filled\n");
+      return added;
+    }
+    if (added == 0 && skipFirst) {
+      if (rec->read(f) == 0) {
+        vorn_printf("zyldb::add_text: returning because no more lines\n");
+        return added;
+      }
+    } else if (equalsMagic(rec->get_field(0))) {
+      // A header line among the records: skip it and the two lines after it.
+      rec->read(f);
+      rec->read(f);
+      if (rec->read(f) == 0) {
+        vorn_printf("zyldb::add_text: returning because no more lines\n");
+        return added;
+      }
+    }
+    rows[numRecords++] = rec.release();
+    while (numRecords >= capacity) add_chunk();
+    if (++added >= maxRecords) return added;
+  }
+}
+
+namespace {
+
+// Writes `n` raw rows to f, first storing each row's tag flag ("0"/"1") in
+// the column `tagColumn` when there is one (visible and raw rows coincide
+// unless only tags are shown). Returns the number of rows written.
+int writeRows(zyldb& table, TextFile& f, dbrecord* const* rows, unsigned int n,
+              int tagColumn, bool showTagsOnly) {
+  int written = 0;
+  for (unsigned int i = 0; i < n; ++i) {
+    dbrecord* rec = rows[i];
+    if (tagColumn >= 0) {
+      char text[8];
+      std::snprintf(text, sizeof text, "%d", rec->getTag());
+      if (!showTagsOnly)
+        table.set_field(i, static_cast<unsigned int>(tagColumn), text);
+      else
+        rec->set_field(tagColumn, text, true);
+    }
+    if (!rec->write(f)) break;
+    ++written;
+  }
+  return written;
+}
+
+}  // namespace
+
+int zyldb::save_text() {
+  TextFile f;
+  save_params(f);
+  save_column_header(f, false);
+  int written = writeRows(*this, f, rows, numRecords, get_fieldnum(LightweightString<char>("Tag")),
+                          showTagsOnly != 0);
+  return f.save(fileName, TextFile::eLF) ? written : 0;
+}
+
+int zyldb::save_text_without_header() {
+  TextFile f;
+  save_params(f);
+  save_column_header(f, true);
+  int written = writeRows(*this, f, rows, numRecords, get_fieldnum(LightweightString<char>("Tag")),
+                          showTagsOnly != 0);
+  return f.save(fileName, TextFile::eLF) ? written : 0;
+}
+
+bool zyldb::save_tags() {
+  TextFile f;
+  save_params(f);
+  save_column_header(f, false);
+  for (unsigned int i = 0; i < numRecords; ++i)
+    if (rows[i]->getTag() && !rows[i]->write(f)) break;
+  return f.save(fileName, TextFile::eLF);
+}
+
+void zyldb::fill_error_info(int code, int detail, int extra1, int extra2) {
+  errorPresent = 1;
+  errorInfo.code = code;
+  errorInfo.detail = detail;
+  errorInfo.extra1 = extra1;
+  errorInfo.extra2 = extra2;
+}
+
+int zyldb::read_error_info(dberror& e) {
+  if (!errorPresent) return 0;
+  e = errorInfo;
+  return 1;
+}
+
+void zyldb::timecode_check(const char*) {}

@@ -1,0 +1,414 @@
+// The table's tags, sorting (with the exported comparators dbr_cmp and
+// dbr_backcmp and their process-wide state) and search.
+//
+// The comparison state is global because the comparators have the two-pointer
+// qsort signature and are shared with the views: sortPrepare of a table sets
+// it, and a sort of that table or of a view over it reads it. Only one sort
+// may run at a time in the process.
+
+#include <zyldb/db/zyldb.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <ctime>
+
+#include <strings.h>
+
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/TextUtil.h>
+#include <zyldb/platform/time_def.h>
+
+int comco = 0;
+int* cmp_fields = nullptr;
+
+namespace {
+
+int cmp_plain = 0;
+int cmp_offset = 0;
+int cmp_tc_field = -1;
+
+constexpr unsigned int kMaxFieldIndex = 0xFFFF;
+
+const char* cellText(const dbrecord* rec, int field) {
+  if (rec == nullptr || field < 0 || static_cast<unsigned int>(field) > kMaxFieldIndex) return "";
+  return rec->getField(static_cast<unsigned short>(field)).c_str();
+}
+
+// Skips white space the way the record reader does: a byte with the high bit
+// set is never taken as white space.
+const char* skipBlanks(const char* s) {
+  while (*s != 0 && (static_cast<unsigned char>(*s) & 0x80) == 0 &&
+         std::isspace(static_cast<unsigned char>(*s)))
+    ++s;
+  return s;
+}
+
+// The text from character `at` on, or "" when the text is shorter.
+const char* from(const char* s, size_t at) {
+  const size_t n = std::strlen(s);
+  return at < n ? s + at : s + n;
+}
+
+int compareAscending(const dbrecord* a, const dbrecord* b) {
+  ++comco;
+  const bool blankA = a == nullptr || a->is_blank() != 0;
+  const bool blankB = b == nullptr || b->is_blank() != 0;
+  if (blankA || blankB) return blankA == blankB ? 0 : (blankA ? 1 : -1);
+  if (cmp_fields == nullptr) return 0;
+  for (const int* f = cmp_fields; *f >= 0; ++f) {
+    const char* ta = skipBlanks(cellText(a, *f));
+    const char* tb = skipBlanks(cellText(b, *f));
+    if (*ta == 0 || *tb == 0) {
+      // Two empty cells end the comparison: later sort fields are not
+      // consulted.
+      if (*ta == 0 && *tb == 0) return 0;
+      return *ta == 0 ? 1 : -1;
+    }
+    int result;
+    if (*f == cmp_tc_field) {
+      // The ninth character separates the frames; ':' and ';' (non-drop and
+      // drop frame) must compare equal, so it is skipped.
+      result = strncasecmp(ta, tb, 8);
+      if (result == 0) result = strcasecmp(from(ta, 9), from(tb, 9));
+    } else if (cmp_offset > 0) {
+      result = strcasecmp(from(ta, static_cast<size_t>(cmp_offset)),
+                          from(tb, static_cast<size_t>(cmp_offset)));
+    } else if (cmp_plain != 0) {
+      result = strcasecmp(ta, tb);
+    } else if (cmp_offset < 0) {
+      const size_t tail = static_cast<size_t>(-static_cast<long>(cmp_offset));
+      const size_t la = std::strlen(ta);
+      const size_t lb = std::strlen(tb);
+      result = strcasecmp(ta + (la > tail ? la - tail : 0), tb + (lb > tail ? lb - tail : 0));
+    } else {
+      result = strxcmp(ta, tb);
+    }
+    if (result != 0) return result;
+  }
+  return 0;
+}
+
+int compareDescending(const dbrecord* a, const dbrecord* b) {
+  ++comco;
+  if (cmp_fields == nullptr) return 0;
+  for (const int* f = cmp_fields; *f >= 0; ++f) {
+    const int result = strcasecmp(cellText(a, *f), cellText(b, *f));
+    if (result != 0) return result < 0 ? 1 : -1;
+  }
+  return 0;
+}
+
+struct LabelPair {
+  const char* start;
+  const char* end;
+};
+
+constexpr LabelPair kLabelPairs[] = {
+    {"Start time", "End time"},           {"snd start", "snd end"},
+    {"start 24P code", "end 24P code"},   {"start keycode", "end keycode"},
+    {"start camcode", "end camcode"},     {"start inkcode", "end inkcode"},
+};
+constexpr size_t kNumLabelPairs = sizeof kLabelPairs / sizeof kLabelPairs[0];
+
+// The pair's names as strings made once, so that looking the columns up while
+// matching every row allocates nothing.
+const LightweightString<char>& labelName(size_t pair, bool end) {
+  static const struct Names {
+    LightweightString<char> start[kNumLabelPairs];
+    LightweightString<char> end[kNumLabelPairs];
+    Names() {
+      for (size_t i = 0; i < kNumLabelPairs; ++i) {
+        start[i] = LightweightString<char>(kLabelPairs[i].start);
+        end[i] = LightweightString<char>(kLabelPairs[i].end);
+      }
+    }
+  } names;
+  return end ? names.end[pair] : names.start[pair];
+}
+
+}  // namespace
+
+int dbr_cmp(const void* a, const void* b) {
+  return compareAscending(*static_cast<dbrecord* const*>(a), *static_cast<dbrecord* const*>(b));
+}
+
+int dbr_backcmp(const void* a, const void* b) {
+  return compareDescending(*static_cast<dbrecord* const*>(a), *static_cast<dbrecord* const*>(b));
+}
+
+// ---- Tags -----------------------------------------------------------------------
+
+void zyldb::set_tag(unsigned int row, int value) {
+  if (dbrecord* rec = get_record(row)) rec->setTag(static_cast<uint8_t>(value));
+}
+
+void zyldb::invert_tag(unsigned int row) {
+  if (dbrecord* rec = get_record(row)) rec->setTag(rec->getTag() == 0 ? 1 : 0);
+}
+
+int zyldb::get_tag(unsigned int row) {
+  const dbrecord* rec = get_record(row);
+  return rec != nullptr ? rec->getTag() : -1;
+}
+
+// Walks the raw count also in show-tags-only mode, where set_tag skips the
+// rows past the visible ones.
+int zyldb::set_all_tags(int value) {
+  for (unsigned int i = 0; i < numRecords; ++i) set_tag(i, value);
+  return 0;
+}
+
+int zyldb::invert_all_tags() {
+  for (unsigned int i = 0; i < numRecords; ++i)
+    if (dbrecord* rec = rows[i]) rec->setTag(rec->getTag() == 0 ? 1 : 0);
+  return static_cast<int>(numRecords);
+}
+
+int zyldb::get_num_tags() {
+  const unsigned int n = get_num_records();
+  int count = 0;
+  for (unsigned int i = 0; i < n; ++i)
+    if (get_tag(i) != 0) ++count;
+  return count;
+}
+
+// Deletes each run of rows tagged exactly 1 with one delete_records call, so
+// that listeners get one message per run. Other non-zero tags survive.
+int zyldb::delete_tagged_records() {
+  if (showTagsOnly != 0) return -1;
+  int total = 0;
+  bool open = false;
+  unsigned int start = 0;
+  unsigned int i = 0;
+  while (i < get_num_records()) {
+    if (get_tag(i) == 1) {
+      if (!open) {
+        open = true;
+        start = i;
+      }
+      ++i;
+      continue;
+    }
+    if (open) {
+      delete_records(start, i - start);
+      total += static_cast<int>(i - start);
+      open = false;
+      i = start + 1;  // the row now at `start` is the untagged one just seen
+    } else {
+      ++i;
+    }
+  }
+  if (open) {
+    delete_records(start, i - start);
+    total += static_cast<int>(i - start);
+  }
+  return total;
+}
+
+void zyldb::index_tags() {
+  numTagged = 0;
+  for (unsigned int i = 0; i < numRecords; ++i) {
+    dbrecord* rec = rows[i];
+    if (rec == nullptr || rec->getTag() != 0) tagIndex[numTagged++] = rec;
+  }
+}
+
+void zyldb::set_show_tags_only(int on) {
+  showTagsOnly = on;
+  if (on != 0) index_tags();
+}
+
+// ---- Sorting ------------------------------------------------------------------
+
+void zyldb::set_sortfield(int field) {
+  defaultSortFields[0] = field;
+  defaultSortFields[1] = -1;
+  sortFields = defaultSortFields;
+}
+
+void zyldb::set_sortfields(int* fields) { sortFields = fields; }
+
+void zyldb::set_sort_offset(int offset) { sortOffset = offset; }
+
+void zyldb::sortPrepare(int /*direction*/, int flag) {
+  cmp_plain = flag;
+  cmp_offset = sortOffset;
+  cmp_tc_field = -1;
+  comco = 0;
+  cmp_fields = sortFields;
+  if (sortFields == nullptr) return;
+  int timecodeField = -1;
+  for (int* f = sortFields; *f >= 0; ++f) {
+    // Cutting the list in place is deliberate: the comparators stop at the
+    // -1, and a caller's array keeps the change.
+    if (static_cast<unsigned int>(*f) >= numFields) {
+      *f = -1;
+      continue;
+    }
+    if (get_field_type(static_cast<unsigned int>(*f)) == DBFieldTypes::timecode) timecodeField = *f;
+  }
+  if (timecodeField >= 0) cmp_tc_field = timecodeField;
+}
+
+// A stable merge sort over the pointer array: records never move, and rows
+// that compare equal keep their order.
+void zyldb::sort(int direction, int flag) {
+  sortPrepare(direction, flag);
+  if (numRecords < 2) {
+    if (showTagsOnly != 0) index_tags();
+    return;
+  }
+  if (direction < 0) {
+    std::stable_sort(rows, rows + numRecords, [](const dbrecord* a, const dbrecord* b) {
+      return compareDescending(a, b) < 0;
+    });
+  } else {
+    std::stable_sort(rows, rows + numRecords, [](const dbrecord* a, const dbrecord* b) {
+      return compareAscending(a, b) < 0;
+    });
+  }
+  if (showTagsOnly != 0) index_tags();
+}
+
+// ---- Search ----------------------------------------------------------------------
+
+int zyldb::isSpecialLabelField(unsigned long field) const {
+  if (field >= numFields || field >= fieldNames.size()) return 0;
+  const char* name = fieldNames[field].c_str();
+  for (const LabelPair& p : kLabelPairs)
+    if (std::strcmp(name, p.start) == 0 || std::strcmp(name, p.end) == 0) return 1;
+  return 0;
+}
+
+void zyldb::setQuery(const std::vector<TextSearch::Criteria>& criteria) {
+  if (criteria.size() >= numFields) query = criteria;
+}
+
+void zyldb::set_query(dbrecord* q) {
+  if (q == nullptr || q->get_num_fields() < numFields) return;
+  std::vector<TextSearch::Criteria> criteria;
+  criteria.reserve(q->get_num_fields());
+  for (unsigned int i = 0; i < q->get_num_fields(); ++i)
+    criteria.emplace_back(TextSearch::Criterion(q->getField(static_cast<unsigned short>(i)),
+                                                TextSearch::eContains));
+  setQuery(criteria);
+}
+
+int zyldb::match_field(const dbrecord* rec, int field) const {
+  if (field < 0) return 1;
+  const size_t f = static_cast<size_t>(field);
+  if (f < specialLabelFields.size() && specialLabelFields[f])
+    return found_in_special_label_field(rec, field) ? 1 : 0;
+  if (f >= query.size() || query[f].empty()) return 1;
+  return matchField(rec, static_cast<unsigned short>(field), query[f]) ? 1 : 0;
+}
+
+bool zyldb::matchField(const dbrecord* rec, unsigned short field,
+                       const TextSearch::Criteria& crit) const {
+  if (rec == nullptr) return false;
+  const unsigned int flags = searchFlag != 0 ? 1u : 0u;
+  const LightweightString<char>& text = rec->getField(field);
+  switch (get_field_type(field)) {
+    case DBFieldTypes::timecode_s:
+      return TextSearch::match(time_def(text.c_str(), eLabelTimecode).get_punctuated_str(), crit,
+                               flags | TextSearch::kTimecode);
+    case DBFieldTypes::timecode:
+      return TextSearch::match(text, crit, flags | TextSearch::kTimecode);
+    case DBFieldTypes::dos_date: {
+      const time_t seconds = static_cast<time_t>(UIntFromString(text, 0));
+      char buf[64];
+      if (ctime_r(&seconds, buf) == nullptr) buf[0] = 0;
+      return TextSearch::match(LightweightString<char>(buf), crit, flags);
+    }
+    default:
+      return TextSearch::match(text, crit, flags);
+  }
+}
+
+bool zyldb::found_in_special_label_field(const dbrecord* rec, int field) const {
+  if (field < 0 || static_cast<size_t>(field) >= query.size() ||
+      query[static_cast<size_t>(field)].empty())
+    return true;
+  const LightweightString<char>& sought =
+      query[static_cast<size_t>(field)].getCriterion(0).getText();
+  const char* name = get_fieldname(static_cast<unsigned int>(field));
+  size_t pair = kNumLabelPairs;
+  for (size_t i = 0; i < kNumLabelPairs && pair == kNumLabelPairs; ++i)
+    if (std::strcmp(name, kLabelPairs[i].start) == 0 || std::strcmp(name, kLabelPairs[i].end) == 0)
+      pair = i;
+  if (pair == kNumLabelPairs) return true;
+  const int startCol = get_fieldnum(labelName(pair, false));
+  const int endCol = get_fieldnum(labelName(pair, true));
+  if (startCol < 0) return false;
+  const char* s = cellText(rec, startCol);
+  if (*s == 0) return false;
+  const size_t n = sought.size();
+  if (n == 0) return true;
+  const char* q = sought.c_str();
+  if (std::strncmp(s, q, n) == 0) return true;
+  if (endCol < 0) return false;
+  const char* e = cellText(rec, endCol);
+  if (*e == 0) return false;
+  if (std::strncmp(q, s, n) < 0) return false;
+  return std::strncmp(q, e, n) <= 0;
+}
+
+int zyldb::match_record(int row) const {
+  const dbrecord* rec = row < 0 ? nullptr : get_record(static_cast<unsigned int>(row));
+  if (rec == nullptr || query.empty()) return -1;
+  for (unsigned int i = 0; i < numFields; ++i)
+    if (match_field(rec, static_cast<int>(i)) == 0) return 0;
+  return 1;
+}
+
+int zyldb::tag_matching_records(int keepOthers) {
+  if (query.empty() || numRecords == 0) return 0;
+  int count = 0;
+  for (unsigned int i = 0; i < numRecords; ++i) {
+    if (match_record(static_cast<int>(i)) != 0) {
+      set_tag(i, 1);
+      ++count;
+    } else if (keepOthers == 0) {
+      set_tag(i, 0);
+    }
+  }
+  return count;
+}
+
+int zyldb::tag_all_different(int field) {
+  set_all_tags(0);
+  set_show_tags_only(0);
+  set_sortfield(field);
+  sort(1, 0);
+  // The previous value is kept to 255 characters, as a fixed buffer would.
+  char previous[256] = {};
+  const unsigned int f = field < 0 ? ~0u : static_cast<unsigned int>(field);
+  for (unsigned int i = 0; i < numRecords; ++i) {
+    const LightweightString<char> text = getField(i, f);
+    if ((text.empty() && previous[0] == 0) || strcasecmp(text.c_str(), previous) == 0) continue;
+    set_tag(i, 1);
+    const size_t n = std::min<size_t>(text.size(), sizeof previous - 1);
+    std::memcpy(previous, text.c_str(), n);
+    previous[n] = 0;
+  }
+  return get_num_tags();
+}
+
+int zyldb::findFirst(const char* fieldName, const char* value, int n) {
+  if (fieldName == nullptr) return -1;
+  if (value == nullptr) value = "";
+  if (strcasecmp(fieldName, "cookie") == 0) {
+    const int row = getRowIndexByID(Cookie(value, false));
+    if (row >= 0) return row;
+  }
+  const int col = get_fieldnum(LightweightString<char>(fieldName));
+  if (col < 0 || numRecords == 0) return -1;
+  for (unsigned int i = 0; i < numRecords; ++i) {
+    const char* cell = cellText(rows[i], col);
+    const int result = n != 0 ? std::strncmp(cell, value, static_cast<size_t>(n))
+                              : std::strcmp(cell, value);
+    if (result == 0) return static_cast<int>(i);
+  }
+  return -1;
+}

@@ -1,0 +1,89 @@
+// Writing a view as a database file, and turning it into a new table.
+
+#include <zyldb/view/ODBView.h>
+
+#include <memory>
+#include <string>
+
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/TextFile.h>
+#include <zyldb/platform/TextUtil.h>
+
+namespace {
+
+// The view's parameters in list order, each as a "name:value" line; then
+// the table's column header.
+void writeHeader(const AssocList& params, zyldb* table, TextFile& f) {
+  std::string line;
+  for (const AssocList::Entry& e : params) {
+    line.assign(1, '"');
+    line.append(e.key.view());
+    line += ':';
+    if (e.hasValue) line.append(e.value.view());
+    line += '"';
+    f.appendLine(std::string_view(line));
+  }
+  table->save_column_header(f, false);
+}
+
+}  // namespace
+
+int ODBViewRep::saveAsText(LightweightString<wchar_t> name, bool headerOnly) {
+  if (!source() || !table_ || name.empty()) return 0;
+  TextFile f;
+  writeHeader(params_, table_, f);
+  int written = 0;
+  if (!headerOnly && count_ > 0) {
+    const int tagField = get_fieldnum("Tag");
+    for (int i = 0; i < count_; ++i) {
+      const dbrecord* record = (*this)[i];
+      if (!record) continue;
+      // The view's tag goes into the written copy only; the table's record
+      // and its changed flag stay as they are.
+      dbrecord copy(*record);
+      if (tagField != -1) copy.set_field(tagField, index_[i].tag ? "1" : "0", true);
+      if (copy.write(f) == 0) break;
+      ++written;
+    }
+  }
+  // TextFile::save replaces the file in one step: a failed save leaves the
+  // old file as it was.
+  if (!f.save(name, TextFile::eLF)) return 0;
+  return written;
+}
+
+int ODBViewRep::saveAsText(const char* name, bool headerOnly) {
+  return saveAsText(Qm::WStringFromAscii(name), headerOnly);
+}
+
+int ODBViewRep::saveOnlyTagged(LightweightString<wchar_t> name) {
+  if (!source() || !table_ || name.empty()) return 0;
+  TextFile f;
+  writeHeader(params_, table_, f);
+  int examined = 0;
+  for (; examined < count_; ++examined) {
+    dbrecord* record = (*this)[examined];
+    if (record && record->getTag() && record->write(f) == 0) break;
+  }
+  if (!f.save(name, TextFile::eLF)) return 0;
+  return examined;
+}
+
+int ODBViewRep::saveOnlyTagged(const char* name) {
+  return saveOnlyTagged(Qm::WStringFromAscii(name));
+}
+
+int ODBViewRep::save_text() { return saveAsText(fileName_, false); }
+
+bool ODBViewRep::save_tags() { return saveOnlyTagged(fileName_) != 0; }
+
+zyldb* Convert_ODBView_to_zyldb(ODBView view) {
+  ODBViewRep* v = view.rep();
+  if (!v || !v->odb()) return nullptr;
+  std::unique_ptr<zyldb> table(new zyldb(*v->odb(), 0));
+  const unsigned int n = v->get_num_records();
+  if (table->add_records(static_cast<int>(n)) == -1) return nullptr;
+  for (unsigned int i = 0; i < n; ++i)
+    if (dbrecord* record = v->get_record(i)) table->copy_record(static_cast<int>(i), record);
+  return table.release();
+}

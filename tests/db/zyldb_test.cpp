@@ -1,0 +1,723 @@
+// Tests of the table: storage, notifications, tags, sorting, columns,
+// merging, the identifier cache, search and update brackets.
+
+#include <zyldb/db/zyldb.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <ctime>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/OS.h>
+#include <zyldb/platform/QmException.h>
+#include <zyldb/platform/TextUtil.h>
+#include <zyldb/platform/configb.h>
+
+#include "db/LibrarySettings_internal.h"
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+
+namespace {
+
+using Rows = std::vector<std::vector<const char*>>;
+constexpr auto kText = DBFieldTypes::text;
+
+std::vector<DBFieldDesc> textColumns(std::initializer_list<const char*> names) {
+  std::vector<DBFieldDesc> cols;
+  for (const char* n : names) cols.push_back({n, kText});
+  return cols;
+}
+
+void fill(zyldb& t, const Rows& rows) {
+  for (const auto& row : rows) {
+    const int r = t.add_records(1);
+    for (unsigned int f = 0; f < row.size(); ++f)
+      t.setField(static_cast<unsigned int>(r), f, LightweightString<char>(row[f]));
+  }
+}
+
+std::vector<std::string> column(zyldb& t, unsigned int f) {
+  std::vector<std::string> out;
+  for (unsigned int r = 0; r < t.get_num_records(); ++r) out.push_back(t.getField(r, f).toStdString());
+  return out;
+}
+
+std::vector<int> tags(zyldb& t) {
+  std::vector<int> out;
+  for (unsigned int r = 0; r < t.get_num_records(); ++r) out.push_back(t.get_tag(r));
+  return out;
+}
+
+void setTags(zyldb& t, const std::vector<int>& values) {
+  for (unsigned int r = 0; r < values.size(); ++r) t.set_tag(r, values[r]);
+}
+
+// Collects the texts of "recordsDeleted" and the row count each listener saw.
+struct DeletionLog {
+  explicit DeletionLog(zyldb& t)
+      : reg(t.addListener("recordsDeleted", [this, &t](const NotifyMsg& m) {
+          texts.push_back(m.getText().toStdString());
+          countsSeen.push_back(t.get_num_records());
+          return 0;
+        })) {}
+  std::vector<std::string> texts;
+  std::vector<unsigned int> countsSeen;
+  Qm::Ptr<iObject> reg;
+};
+
+// ---- Storage ------------------------------------------------------------------
+
+TEST(ZyldbStorage, GrowsInChunksOfFiveHundred) {
+  zyldb t(textColumns({"Name"}));
+  EXPECT_EQ(t.getCapacity(), 500u);
+  EXPECT_EQ(t.add_records(499), 0);
+  EXPECT_EQ(t.getCapacity(), 500u);
+  EXPECT_EQ(t.add_records(0), 499);
+  EXPECT_EQ(t.add_records(2), 499);
+  EXPECT_EQ(t.getCapacity(), 1000u);
+  EXPECT_EQ(t.get_num_records(), 501u);
+  EXPECT_EQ(t.get_record(500)->get_container(), &t);
+  EXPECT_EQ(t.get_record(501), nullptr);
+  zyldb empty;
+  EXPECT_EQ(empty.get_valid(), 0);
+  EXPECT_EQ(empty.getCapacity(), 0u);
+}
+
+TEST(ZyldbStorage, InsertPlacesBlankRows) {
+  struct Case {
+    unsigned int first, count;
+    std::vector<std::string> expected;
+  } cases[] = {
+      {1, 2, {"a", "", "", "b", "c"}},
+      {0, 1, {"", "a", "b", "c"}},
+      {3, 1, {"a", "b", "c", ""}},
+      {99, 2, {"a", "b", "c", "", ""}},
+      {1, 0, {"a", "b", "c"}},
+  };
+  for (const Case& c : cases) {
+    zyldb t(textColumns({"Name"}));
+    fill(t, {{"a"}, {"b"}, {"c"}});
+    DeletionLog log(t);
+    EXPECT_EQ(t.insert_records(c.first, c.count), 0);
+    EXPECT_THAT(column(t, 0), ElementsAreArray(c.expected)) << c.first << "," << c.count;
+    for (unsigned int r = 0; r < t.get_num_records(); ++r)
+      EXPECT_EQ(t.get_record(r)->get_container(), &t);
+    EXPECT_THAT(log.texts, IsEmpty());
+  }
+}
+
+TEST(ZyldbStorage, DeleteCutsAtEndAndNotifiesShortenedTable) {
+  struct Case {
+    unsigned int first, count;
+    std::vector<std::string> remaining;
+    std::vector<std::string> texts;
+  } cases[] = {
+      {2, 2, {"0", "1", "4"}, {"2 3 "}},
+      {3, 10, {"0", "1", "2"}, {"3 4 "}},
+      {0, 5, {}, {"0 1 2 3 4 "}},
+      {5, 1, {"0", "1", "2", "3", "4"}, {}},
+      {1, 0, {"0", "1", "2", "3", "4"}, {}},
+  };
+  for (const Case& c : cases) {
+    zyldb t(textColumns({"Name"}));
+    fill(t, {{"0"}, {"1"}, {"2"}, {"3"}, {"4"}});
+    t.clear_changed();
+    DeletionLog log(t);
+    t.delete_records(c.first, c.count);
+    EXPECT_THAT(column(t, 0), ElementsAreArray(c.remaining));
+    EXPECT_THAT(log.texts, ElementsAreArray(c.texts));
+    if (!c.texts.empty()) {
+      EXPECT_THAT(log.countsSeen, ElementsAre(c.remaining.size()));
+      EXPECT_EQ(t.get_changed(), 1);
+    } else {
+      EXPECT_EQ(t.get_changed(), 0);
+    }
+  }
+}
+
+TEST(ZyldbStorage, ShowTagsOnlyNumbersTaggedRowsAndRefusesRowChanges) {
+  zyldb t(textColumns({"Name"}));
+  fill(t, {{"a"}, {"b"}, {"c"}, {"d"}});
+  setTags(t, {0, 1, 2, 0});
+  t.set_show_tags_only(1);
+  EXPECT_EQ(t.get_num_records(), 2u);
+  EXPECT_THAT(column(t, 0), ElementsAre("b", "c"));
+  EXPECT_EQ(t.get_raw_row(1), 2u);
+  EXPECT_EQ(t.get_raw_row(2), ~0u);
+  EXPECT_EQ(t.get_new_row(2), 1u);
+  EXPECT_EQ(t.get_new_row(0), ~0u);
+  EXPECT_EQ(t.get_num_tags(), 2);
+
+  DeletionLog log(t);
+  EXPECT_EQ(t.add_records(1), -1);
+  EXPECT_EQ(t.insert_records(0, 1), 1);
+  t.delete_records(0, 1);
+  EXPECT_EQ(t.delete_tagged_records(), -1);
+  EXPECT_EQ(t.getNumRawRecords(), 4u);
+  EXPECT_THAT(log.texts, IsEmpty());
+
+  // Over the raw count: the visible rows get the value, the rest is skipped.
+  t.set_all_tags(5);
+  t.set_show_tags_only(0);
+  EXPECT_THAT(tags(t), ElementsAre(5, 5, 2, 0));
+  // The index is only rebuilt on request.
+  t.set_show_tags_only(1);
+  EXPECT_EQ(t.get_num_records(), 3u);
+}
+
+TEST(ZyldbStorage, CopyConstructors) {
+  zyldb src(textColumns({"Name", "Scene"}));
+  src.add_param("Owner", "unit 2");
+  fill(src, {{"a", "1"}, {"b", "2"}, {"c", "3"}});
+
+  zyldb bare(src, 0);
+  EXPECT_EQ(bare.get_valid(), 1);
+  EXPECT_EQ(bare.get_num_records(), 0u);
+  EXPECT_TRUE(bare.sameColumns(&src));
+  EXPECT_STREQ(bare.get_param_val("owner"), "unit 2");
+  EXPECT_EQ(bare.get_fieldnum("scene"), 1);
+
+  src.set_tag(1, 1);
+  src.set_show_tags_only(1);
+  zyldb tagged(src, 1);
+  EXPECT_THAT(column(tagged, 0), ElementsAre("b"));
+  EXPECT_EQ(tagged.get_record(0)->get_container(), nullptr);
+
+  src.set_show_tags_only(0);
+  zyldb noParams(src, static_cast<DBFieldDesc*>(nullptr));
+  EXPECT_THAT(column(noParams, 1), ElementsAre("1", "2", "3"));
+  EXPECT_EQ(noParams.get_param_val("Owner"), nullptr);
+  EXPECT_EQ(noParams.get_record(2)->get_container(), nullptr);
+}
+
+TEST(ZyldbStorage, CellAccessors) {
+  zyldb t(textColumns({"Text", "Other"}));
+  fill(t, {{"abcdef"}, {"42xyz"}, {"2.5"}, {"true"}, {"True"}});
+  char buf[8];
+  std::memset(buf, 'Z', sizeof buf);
+  EXPECT_EQ(t.in_field(0, 0, buf, 4), 1);
+  EXPECT_STREQ(buf, "abcd");
+  std::memset(buf, 'Z', sizeof buf);
+  EXPECT_EQ(t.in_field(0, 1, buf, 4), 0);
+  EXPECT_EQ(buf[0], 'Z');
+  EXPECT_EQ(t.in_field(9, 0, buf, 4), 0);
+
+  int i = -1;
+  double d = 0;
+  bool b = false;
+  EXPECT_EQ(t.in_field(1, 0, i), 1);
+  EXPECT_EQ(i, 42);
+  EXPECT_EQ(t.in_field(2, 0, d), 1);
+  EXPECT_DOUBLE_EQ(d, 2.5);
+  EXPECT_EQ(t.in_field(3, 0, b), 1);
+  EXPECT_TRUE(b);
+  EXPECT_EQ(t.in_field(4, 0, b), 1);
+  EXPECT_FALSE(b);
+  EXPECT_EQ(t.in_field(0, 1, i), 0);
+  EXPECT_EQ(i, 42);
+
+  EXPECT_EQ(t.set_field(0, 1, "   x"), 1);
+  EXPECT_EQ(t.getField(0, 1), "x");
+  EXPECT_EQ(t.set_field(0, 1, 2.5), 1);
+  EXPECT_EQ(t.getField(0, 1), "2.50000000");
+  EXPECT_EQ(t.set_field(9, 0, "x"), 0);
+  EXPECT_EQ(t.set_field(0, 70000u, "x"), 0);
+  EXPECT_EQ(t.getField(0, 70000u), "");
+}
+
+// ---- Tags -----------------------------------------------------------------------
+
+TEST(ZyldbTags, DeleteTaggedRecordsDeletesRunsOfTagOne) {
+  struct Case {
+    std::vector<int> tags;
+    int deleted;
+    std::vector<std::string> remaining;
+    std::vector<std::string> texts;
+  } cases[] = {
+      {{1, 1, 0, 1}, 3, {"2"}, {"0 1 ", "1 "}},
+      {{2, 1, 2, 0}, 1, {"0", "2", "3"}, {"1 "}},
+      {{0, 0, 0, 0}, 0, {"0", "1", "2", "3"}, {}},
+      {{1, 1, 1, 1}, 4, {}, {"0 1 2 3 "}},
+  };
+  for (const Case& c : cases) {
+    zyldb t(textColumns({"Name"}));
+    fill(t, {{"0"}, {"1"}, {"2"}, {"3"}});
+    setTags(t, c.tags);
+    DeletionLog log(t);
+    EXPECT_EQ(t.delete_tagged_records(), c.deleted);
+    EXPECT_THAT(column(t, 0), ElementsAreArray(c.remaining));
+    EXPECT_THAT(log.texts, ElementsAreArray(c.texts));
+  }
+}
+
+TEST(ZyldbTags, TagValues) {
+  zyldb t(textColumns({"Name"}));
+  fill(t, {{"a"}, {"b"}, {"c"}});
+  setTags(t, {5, 0, 2});
+  t.invert_tag(0);
+  t.invert_tag(1);
+  EXPECT_THAT(tags(t), ElementsAre(0, 1, 2));
+  EXPECT_EQ(t.get_num_tags(), 2);
+  EXPECT_EQ(t.get_tag(3), -1);
+  EXPECT_EQ(t.invert_all_tags(), 3);
+  EXPECT_THAT(tags(t), ElementsAre(1, 0, 0));
+  t.set_tag(0, 0x101);
+  EXPECT_EQ(t.get_tag(0), 1);
+}
+
+// ---- Sorting ----------------------------------------------------------------------
+
+TEST(ZyldbSort, AscendingOrderRules) {
+  struct Case {
+    const char* what;
+    DBFieldTypes::eType type;
+    int offset;
+    int plain;
+    std::vector<const char*> values;
+    std::vector<std::string> expected;
+  } cases[] = {
+      {"strxcmp by default", kText, 0, 0, {"scene 10", "Scene 9", "scene 1"},
+       {"scene 1", "Scene 9", "scene 10"}},
+      {"plain text with flag", kText, 0, 1, {"scene 10", "Scene 9"}, {"scene 10", "Scene 9"}},
+      {"empty cells last", kText, 0, 0, {"", "b", "  ", "a"}, {"a", "b", "", "  "}},
+      {"leading blanks ignored", kText, 0, 1, {"  b", "a"}, {"a", "  b"}},
+      {"timecode separator", DBFieldTypes::timecode, 0, 0,
+       {"01:00:00;10", "01:00:00:10", "01:00:00:09"}, {"01:00:00:09", "01:00:00;10", "01:00:00:10"}},
+      {"negative offset", kText, -2, 0, {"XY12", "AB12", "CD11"}, {"CD11", "XY12", "AB12"}},
+      {"positive offset", kText, 2, 0, {"aaCD", "xxAB", "b"}, {"b", "xxAB", "aaCD"}},
+  };
+  for (const Case& c : cases) {
+    zyldb t(std::vector<DBFieldDesc>{{"V", c.type}, {"Other", kText}});
+    for (const char* v : c.values) fill(t, {{v, "x"}});
+    t.set_sort_offset(c.offset);
+    t.sort(1, c.plain);
+    EXPECT_THAT(column(t, 0), ElementsAreArray(c.expected)) << c.what;
+    EXPECT_GT(comco, 0);
+  }
+}
+
+TEST(ZyldbSort, BlankRecordsAndEarlyEnd) {
+  zyldb t(textColumns({"A", "B"}));
+  fill(t, {{"", ""}, {"", "z"}, {"", "a"}, {"k", "1"}});
+  int fields[] = {0, 1, -1};
+  t.set_sortfields(fields);
+  t.sort(1, 0);
+  // Empty first cells end the comparison, so "z" stays before "a"; the blank
+  // record goes last.
+  EXPECT_THAT(column(t, 1), ElementsAre("1", "z", "a", ""));
+
+  // Descending compares whole texts only: the blank record ties with the
+  // empty cell and keeps its place.
+  zyldb d(textColumns({"A", "B"}));
+  fill(d, {{"", ""}, {"", "x"}, {"  b", "1"}, {"a", "2"}});
+  d.set_sortfield(0);
+  d.sort(-1, 0);
+  EXPECT_THAT(column(d, 1), ElementsAre("2", "1", "", "x"));
+}
+
+TEST(ZyldbSort, SortPrepareCutsCallersListAndSortIsStable) {
+  zyldb t(textColumns({"A", "B", "C", "D", "E"}));
+  int fields[] = {1, 99, 0, -1};
+  t.set_sortfields(fields);
+  t.sortPrepare(1, 0);
+  EXPECT_THAT(fields, ElementsAre(1, -1, 0, -1));
+  EXPECT_EQ(comco, 0);
+
+  // Randomized: after sorting on column 0 the values are in strxcmp order and
+  // rows with equal values keep their original order (column 1).
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 rng(seed);
+  const char* values[] = {"a", "B", "b", "c10", "C9", "x", "Y"};
+  zyldb r(textColumns({"V", "Index"}));
+  for (int i = 0; i < 300; ++i) {
+    const int row = r.add_records(1);
+    r.set_field(row, 0, values[rng() % 7]);
+    r.set_field(row, 1, i);
+  }
+  r.set_sortfield(0);
+  r.sort(1, 0);
+  for (unsigned int i = 1; i < r.get_num_records(); ++i) {
+    const int c = strxcmp(r.getField(i - 1, 0).c_str(), r.getField(i, 0).c_str());
+    ASSERT_LE(c, 0) << i;
+    int a = 0, b = 0;
+    r.in_field(i - 1, 1, a);
+    r.in_field(i, 1, b);
+    if (c == 0) {
+      ASSERT_LT(a, b) << i;
+    }
+  }
+}
+
+// ---- Columns ----------------------------------------------------------------------
+
+TEST(ZyldbColumns, LookupAddRemoveRename) {
+  zyldb t(textColumns({"Name", "reel", "Scene"}));
+  fill(t, {{"n0", "r0", "s0"}, {"n1", "r1", "s1"}});
+  EXPECT_EQ(t.get_fieldnum("Reel"), 1);
+  EXPECT_EQ(t.get_fieldnum("nope"), -1);
+  EXPECT_EQ(t.get_fieldnum(""), -1);
+  EXPECT_STREQ(t.get_fieldname(7), "");
+
+  EXPECT_EQ(t.addField({"SCENE", DBFieldTypes::numeric}), 2);
+  EXPECT_EQ(t.get_num_fields(), 3u);
+  EXPECT_EQ(t.addField({"Notes", kText}), 3);
+  EXPECT_EQ(t.get_record(1)->get_num_fields(), 4u);
+  EXPECT_EQ(t.set_field(1, 3, "note"), 1);
+
+  t.removeField("REEL");
+  EXPECT_EQ(t.get_num_fields(), 3u);
+  EXPECT_EQ(t.get_fieldnum("Notes"), 2);
+  EXPECT_EQ(t.get_fieldnum("reel"), -1);
+  EXPECT_THAT(column(t, 1), ElementsAre("s0", "s1"));
+  EXPECT_THAT(column(t, 2), ElementsAre("", "note"));
+  t.removeField("missing");
+  EXPECT_EQ(t.get_num_fields(), 3u);
+
+  EXPECT_EQ(t.set_fieldname(0, "Clip"), 1);
+  EXPECT_EQ(t.get_fieldnum("clip"), 0);
+  EXPECT_EQ(t.set_fieldname(3, "x"), 0);
+  EXPECT_EQ(t.get_fieldsize(1), 2);
+  EXPECT_EQ(t.get_fieldsize(9), 0);
+
+  dberror e;
+  EXPECT_EQ(t.read_error_info(e), 0);
+  EXPECT_EQ(t.set_fieldtype(1, DBFieldTypes::none), 1);
+  EXPECT_EQ(t.get_fieldtype(1), DBFieldTypes::text);
+  ASSERT_EQ(t.read_error_info(e), 1);
+  EXPECT_EQ(e.code, 2);
+  EXPECT_EQ(e.detail, 3);
+}
+
+TEST(ZyldbColumns, AmpersandsFollowTheSetting) {
+  zyl::LibrarySettings& settings = zyl::librarySettings();
+  const int saved = settings.removeFieldnameAmpersands;
+  for (int on : {1, 0}) {
+    settings.removeFieldnameAmpersands = on;
+    zyldb t(textColumns({"Sc&ene", "&Reel &Name"}));
+    EXPECT_STREQ(t.get_fieldname(0), on ? "Scene" : "Sc&ene");
+    EXPECT_STREQ(t.get_fieldname(1), on ? "Reel Name" : "&Reel &Name");
+    EXPECT_EQ(t.get_fieldnum(on ? "scene" : "sc&ene"), 0);
+  }
+  settings.removeFieldnameAmpersands = saved;
+}
+
+TEST(ZyldbColumns, SameColumnsAndAddZyldb) {
+  zyldb t(textColumns({"Reel", "Scene"}));
+  fill(t, {{"r0", "s0"}});
+  zyldb lower(textColumns({"reel", "Scene"}));
+  EXPECT_FALSE(t.sameColumns(&lower));
+  EXPECT_EQ(t.add_zyldb(&lower), -1);
+  zyldb wider(textColumns({"Reel", "Scene", "Shot"}));
+  EXPECT_EQ(t.add_zyldb(&wider), -1);
+  zyldb typed(std::vector<DBFieldDesc>{{"Reel", kText}, {"Scene", DBFieldTypes::numeric}});
+  EXPECT_TRUE(t.sameColumns(&typed));
+  EXPECT_EQ(t.add_zyldb(&typed), -1);
+
+  zyldb other(textColumns({"Reel", "Scene"}));
+  EXPECT_EQ(t.add_zyldb(&other), 0);
+  fill(other, {{"r1", "s1"}, {"r2", "s2"}});
+  EXPECT_EQ(t.add_zyldb(&other), 2);
+  EXPECT_THAT(column(t, 0), ElementsAre("r0", "r1", "r2"));
+  EXPECT_EQ(t.get_record(2)->get_container(), &t);
+  EXPECT_NE(t.get_record(2), other.get_record(1));
+
+  t.set_show_tags_only(1);
+  EXPECT_EQ(t.add_zyldb(&other), -1);
+}
+
+TEST(ZyldbColumns, MergeAllMatchingConvertsTimecodes) {
+  zyldb t(std::vector<DBFieldDesc>{{"Name", kText}, {"Start time", DBFieldTypes::timecode},
+                                   {"End time", DBFieldTypes::timecode_s}, {"Mine", kText}});
+  zyldb other(std::vector<DBFieldDesc>{{"start TIME", DBFieldTypes::timecode_s},
+                                       {"End time", DBFieldTypes::timecode},
+                                       {"name", kText}, {"Theirs", kText}});
+  fill(other, {{"01000012D", "01:00:00:12", "clip", "x"}});
+  EXPECT_EQ(t.merge_all_matching(&other), 1);
+  ASSERT_EQ(t.get_num_records(), 1u);
+  EXPECT_EQ(t.getField(0, 0), "clip");
+  EXPECT_EQ(t.getField(0, 1), "01:00:00;12");
+  EXPECT_EQ(t.getField(0, 2), "01000012");
+  EXPECT_EQ(t.getField(0, 3), "");
+
+  zyldb unrelated(textColumns({"Other"}));
+  fill(unrelated, {{"x"}});
+  EXPECT_EQ(t.merge_all_matching(&unrelated), 0);
+  zyldb empty(textColumns({"Name"}));
+  EXPECT_EQ(t.merge_all_matching(&empty), 1);
+  EXPECT_EQ(t.get_num_records(), 1u);
+}
+
+// ---- Identifier cache -----------------------------------------------------------
+
+TEST(ZyldbCookies, CacheSurvivesSortAndIsEmptiedByInsertAndDelete) {
+  const std::string a = Cookie::make('M').asString().toStdString();
+  const std::string b = Cookie::make('M').asString().toStdString();
+  zyldb t(textColumns({"Name", "Cookie"}));
+  fill(t, {{"z", b.c_str()}, {"y", a.c_str()}, {"x", a.c_str()}});
+  EXPECT_EQ(t.getRowIndexByID(Cookie(a.c_str(), true)), 1);  // the first row wins
+  EXPECT_EQ(t.getRowIndexByID(Cookie(b.c_str(), true)), 0);
+
+  t.sort(1, 0);  // rows now x, y, z
+  EXPECT_EQ(t.getRowIndexByID(Cookie(b.c_str(), true)), 0);  // stale on purpose
+  t.insert_records(3, 0);
+  EXPECT_EQ(t.getRowIndexByID(Cookie(b.c_str(), true)), 2);
+  EXPECT_EQ(t.getRowIndexByID(Cookie(a.c_str(), true)), 0);
+
+  // A text edit is not seen by the cache; findFirst then scans the column.
+  const std::string c = Cookie::make('B').asString().toStdString();
+  t.set_field(1, 1, c.c_str());
+  EXPECT_EQ(t.getRowIndexByID(Cookie(c.c_str(), true)), -1);
+  EXPECT_EQ(t.findFirst("COOKIE", c.c_str(), 0), 1);
+
+  t.delete_records(0, 1);
+  const Cookie d = Cookie::make('M');
+  EXPECT_EQ(t.set_field(1, d), 1);
+  EXPECT_EQ(t.getField(1, 1), d.asString());
+  // Entries made by set_field keep the cache from being rebuilt.
+  EXPECT_EQ(t.getRowIndexByID(d), 1);
+  EXPECT_EQ(t.getRowIndexByID(Cookie(c.c_str(), true)), -1);
+
+  zyldb none(textColumns({"Name"}));
+  fill(none, {{"x"}});
+  EXPECT_EQ(none.getRowIndexByID(d), -1);
+  EXPECT_EQ(none.set_field(0, d), 0);
+}
+
+// ---- Search ------------------------------------------------------------------------
+
+int matches(zyldb& t, unsigned int field, const char* text) {
+  dbrecord* q = t.make_dummy_record();
+  q->set_field(static_cast<int>(field), text, true);
+  t.set_query(q);
+  delete q;
+  return t.match_record(0);
+}
+
+TEST(ZyldbSearch, QueriesAndTagging) {
+  zyldb t(textColumns({"Name", "Scene"}));
+  fill(t, {{"Alpha", "12"}, {"beta", "13"}, {"alphabet", "12"}});
+  EXPECT_EQ(t.match_record(0), -1);
+  setTags(t, {0, 1, 0});
+  EXPECT_EQ(t.tag_matching_records(0), 0);
+  EXPECT_THAT(tags(t), ElementsAre(0, 1, 0));
+
+  dbrecord* q = t.make_dummy_record();
+  q->set_field(0, "ALPHA", true);
+  q->set_field(1, "12", true);
+  t.set_query(q);
+  EXPECT_EQ(t.tag_matching_records(1), 2);
+  EXPECT_THAT(tags(t), ElementsAre(1, 1, 1));
+  EXPECT_EQ(t.tag_matching_records(0), 2);
+  EXPECT_THAT(tags(t), ElementsAre(1, 0, 1));
+  EXPECT_EQ(t.match_record(9), -1);
+
+  dbrecord shortQuery(1);
+  shortQuery.set_field(0, "beta", true);
+  t.set_query(&shortQuery);  // ignored: fewer fields than columns
+  EXPECT_EQ(t.match_record(1), 0);
+  delete q;
+}
+
+TEST(ZyldbSearch, SpecialLabelRanges) {
+  zyldb t(textColumns({"Name", "Start time", "End time"}));
+  fill(t, {{"clip", "01:00:00:00", "01:00:20:00"}});
+  struct Case {
+    const char* sought;
+    int expected;
+  } cases[] = {{"01:00:10", 1}, {"01:00:30", 0}, {"01", 1}, {"00:59", 0}, {"01:00:20:00", 1}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(matches(t, 1, c.sought), c.expected) << c.sought;
+    EXPECT_EQ(matches(t, 2, c.sought), c.expected) << c.sought << " via end column";
+  }
+
+  zyldb noEnd(textColumns({"Name", "Start time"}));
+  fill(noEnd, {{"clip", "01:00:00:00"}});
+  EXPECT_EQ(matches(noEnd, 1, "01:00:00"), 1);
+  EXPECT_EQ(matches(noEnd, 1, "01:00:10"), 0);
+
+  zyldb noStart(textColumns({"Name", "End time"}));
+  fill(noStart, {{"clip", "01:00:20:00"}});
+  EXPECT_EQ(matches(noStart, 1, "01"), 0);
+
+  zyldb empty(textColumns({"Start time", "End time"}));
+  fill(empty, {{"", "01:00:20:00"}});
+  EXPECT_EQ(matches(empty, 0, "01"), 0);
+}
+
+TEST(ZyldbSearch, TypedColumns) {
+  zyldb t(std::vector<DBFieldDesc>{{"Date", DBFieldTypes::dos_date},
+                                   {"TC", DBFieldTypes::timecode},
+                                   {"TCS", DBFieldTypes::timecode_s}});
+  fill(t, {{"0", "01:00:00;10", "01000010"}});
+  time_t epoch = 0;
+  char text[64];
+  ASSERT_NE(ctime_r(&epoch, text), nullptr);
+  text[std::strlen(text) - 1] = 0;  // the query has no line feed
+  EXPECT_EQ(matches(t, 0, text), 1);
+  EXPECT_EQ(matches(t, 0, "2001"), 0);
+  EXPECT_EQ(matches(t, 1, "00:00:10"), 1);
+  EXPECT_EQ(matches(t, 2, "01:00:00:10"), 1);
+  EXPECT_EQ(matches(t, 2, "01000010"), 0);
+}
+
+TEST(ZyldbSearch, TagAllDifferentAndFindFirst) {
+  zyldb t(textColumns({"Name", "Scene"}));
+  fill(t, {{"b", "1"}, {"", "2"}, {"A", "3"}, {"b", "4"}, {"a", "5"}});
+  t.set_show_tags_only(1);
+  EXPECT_EQ(t.tag_all_different(0), 3);
+  EXPECT_EQ(t.get_show_tags_only(), 0);
+  EXPECT_THAT(column(t, 0), ElementsAre("A", "a", "b", "b", ""));
+  EXPECT_THAT(tags(t), ElementsAre(1, 0, 1, 0, 1));
+
+  EXPECT_EQ(t.findFirst("name", "b", 0), 2);
+  EXPECT_EQ(t.findFirst("Name", "B", 0), -1);
+  EXPECT_EQ(t.findFirst("Scene", "4x", 1), 3);
+  EXPECT_EQ(t.findFirst("Nope", "b", 0), -1);
+  EXPECT_EQ(t.findFirst(nullptr, "b", 0), -1);
+}
+
+// ---- Update brackets ----------------------------------------------------------------
+
+struct ChangeLog {
+  explicit ChangeLog(zyldb& t)
+      : reg(t.addListener("recordsChanged", [this](const NotifyMsg& m) {
+          auto* data = dynamic_cast<WrappedData<CookieVec>*>(m.getObject());
+          std::vector<std::string> ids;
+          if (data != nullptr)
+            for (const Cookie& c : data->get()) ids.push_back(c.asString().toStdString());
+          messages.push_back(ids);
+          texts.push_back(m.getText().toStdString());
+          return 0;
+        })) {}
+  std::vector<std::vector<std::string>> messages;
+  std::vector<std::string> texts;
+  Qm::Ptr<iObject> reg;
+};
+
+TEST(ZyldbUpdate, BracketsSendOneMessagePerOutermostEnd) {
+  const std::string a = Cookie::make('M').asString().toStdString();
+  const std::string b = Cookie::make('M').asString().toStdString();
+  zyldb t(textColumns({"name", "notes", "cookie"}));
+  fill(t, {{"n0", "x", a.c_str()}, {"n1", "y", b.c_str()}, {"n2", "z", "junk"}});
+  ChangeLog log(t);
+  configb cfg;
+
+  t.endUpdate();  // unmatched: ignored
+  EXPECT_EQ(t.beginUpdate(), 1u);
+  EXPECT_EQ(t.beginUpdate(), 2u);
+  EXPECT_EQ(t.update(&cfg, 0), 1);
+  EXPECT_EQ(t.update(&cfg, 1), 1);
+  EXPECT_EQ(t.update(&cfg, 2), 1);  // no valid identifier: not collected
+  EXPECT_EQ(t.update(&cfg, 7), 0);
+  t.endUpdate();
+  EXPECT_THAT(log.messages, IsEmpty());
+  t.endUpdate();
+  ASSERT_EQ(log.messages.size(), 1u);
+  EXPECT_THAT(log.messages[0], ElementsAre(a, b));
+  EXPECT_THAT(log.texts, ElementsAre(""));
+  EXPECT_STREQ(cfg.get("notes"), "y");
+
+  t.beginUpdate();
+  t.endUpdate();  // nothing collected: nothing sent
+  t.addToUpdate(Cookie(a.c_str(), true));
+  t.beginUpdate();  // a bracket opened at depth 0 drops what waited
+  t.endUpdate();
+  t.endUpdate();
+  EXPECT_EQ(log.messages.size(), 1u);
+
+  zyldb plain(textColumns({"name", "notes"}));
+  fill(plain, {{"n", "x"}});
+  ChangeLog plainLog(plain);
+  plain.beginUpdate();
+  EXPECT_EQ(plain.update(&cfg, 0), 1);
+  plain.endUpdate();
+  EXPECT_THAT(plainLog.messages, IsEmpty());
+
+  t.clear_changed();
+  EXPECT_EQ(t.get_changed(), 0);
+  EXPECT_FALSE(t.get_record(0)->isChanged());
+}
+
+// ---- Memory exhaustion ---------------------------------------------------------------
+
+// Runs `body` with the n-th allocation failing, for n = 1, 2, ... until a run
+// ends before the failure was due; the live block count must return to its
+// value before every run.
+template <class Body>
+void failEachAllocation(Body body) {
+  zyl::Allocator& alloc = OS()->allocator();
+  for (uint64_t n = 1; n < 100000; ++n) {
+    const int64_t before = alloc.stats().liveBlocks;
+    alloc.failNthAllocation(n);
+    bool threw = false;
+    try {
+      body();
+    } catch (const Qm::Exception::BadAlloc&) {
+      threw = true;
+    }
+    const bool fired = !alloc.failurePending();
+    alloc.failNthAllocation(0);
+    ASSERT_EQ(alloc.stats().liveBlocks, before) << "failing allocation " << n;
+    ASSERT_TRUE(fired || !threw) << "failing allocation " << n;
+    if (!fired) return;
+  }
+  FAIL() << "never completed";
+}
+
+void expectConsistent(zyldb& t) {
+  for (unsigned int r = 0; r < t.getNumRawRecords(); ++r) ASSERT_NE(t.get_record(r), nullptr);
+  ASSERT_LE(t.getNumRawRecords(), t.getCapacity());
+}
+
+TEST(ZyldbMemory, FailedOperationsLeakNothing) {
+  const std::vector<DBFieldDesc> cols = textColumns({"Name", "cookie", "Start time"});
+  {
+    // Warm up the process-wide pieces made on first use.
+    zyldb t(cols);
+    fill(t, {{"a", "b", "c"}});
+    DeletionLog log(t);
+    t.delete_records(0, 1);
+    t.getRowIndexByID(Cookie());
+  }
+  failEachAllocation([&] {
+    zyldb t(cols);
+    fill(t, {{"a", "", "01"}, {"b", "", "02"}});
+    zyldb copy(t, 1);
+  });
+  failEachAllocation([&] {
+    zyldb t(cols);
+    fill(t, {{"a"}, {"b"}});
+    try {
+      t.add_records(600);
+      t.insert_records(1, 3);
+      t.addField({"Notes", kText});
+    } catch (const Qm::Exception::BadAlloc&) {
+      expectConsistent(t);
+      throw;
+    }
+  });
+  failEachAllocation([&] {
+    zyldb t(cols);
+    fill(t, {{"a"}, {"b"}, {"c"}});
+    DeletionLog log(t);
+    setTags(t, {1, 0, 1});
+    try {
+      t.delete_tagged_records();
+      t.getRowIndexByID(Cookie::make('M'));
+      t.set_field(0, Cookie::make('M'));
+    } catch (const Qm::Exception::BadAlloc&) {
+      expectConsistent(t);
+      throw;
+    }
+  });
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+#include <zyldb/platform/TextSearch.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace TextSearch;
+using LS = LightweightString<char>;
+
+Criteria one(const char* text, eMatchMethod method = eContains) {
+  return Criteria(Criterion(LS(text), method));
+}
+
+TEST(TextSearchTest, MethodsAndFlags) {
+  struct Case {
+    const char* cell;
+    const char* query;
+    eMatchMethod method;
+    unsigned flags;
+    bool expected;
+  } cases[] = {
+      {"Scene 12 take 3", "TAKE", eContains, 0, true},
+      {"Scene 12 take 3", "TAKE", eContains, kCaseSensitive, false},
+      {"Scene 12 take 3", "take", eContains, kCaseSensitive, true},
+      {"abc", "abcd", eContains, 0, false},
+      {"abc", "", eContains, 0, true},
+      {"", "", eExact, 0, true},
+      {"", "a", eContains, 0, false},
+      {"Reel", "reel", eExact, 0, true},
+      {"Reels", "reel", eExact, 0, false},
+      {"Reels", "REE", ePrefix, 0, true},
+      {"Reels", "els", ePrefix, 0, false},
+      {"Reels", "ELS", eSuffix, 0, true},
+      {"Reels", "ree", eSuffix, 0, false},
+      {"01:00:00;10", "00:00:10", eContains, kTimecode, true},
+      {"01:00:00;10", "00:00:10", eContains, 0, false},
+      {"01.00.00,10", "01:00:00:10", eExact, kTimecode, true},
+      {"01:00:00:10", "00;00", eContains, kTimecode | kCaseSensitive, true},
+      {"a:b", "A;B", eContains, kTimecode, true},
+      {"a:b", "A;B", eContains, kTimecode | kCaseSensitive, false},
+      {"\xc9t\xe9", "\xe9", eContains, 0, true},  // only ASCII letters fold
+      {"\xc9t", "\xe9", eContains, 0, false},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(match(LS(c.cell), one(c.query, c.method), c.flags), c.expected)
+        << "'" << c.cell << "' / '" << c.query << "' method " << c.method << " flags " << c.flags;
+}
+
+TEST(TextSearchTest, OperatorsLeftToRight) {
+  Criteria c;
+  EXPECT_TRUE(c.empty());
+  EXPECT_TRUE(match(LS("anything"), c, 0));
+  c.add(Criterion(LS("a"), eContains), eOr);  // operator of the first is ignored
+  c.add(Criterion(LS("b"), eContains), eOr);
+  c.add(Criterion(LS("c"), eContains), eAnd);
+  c.add(Criterion(LS("d"), eContains), eAndNot);
+  EXPECT_FALSE(c.empty());
+  // ((a or b) and c) and not d
+  EXPECT_TRUE(match(LS("ac"), c, 0));
+  EXPECT_TRUE(match(LS("bc"), c, 0));
+  EXPECT_FALSE(match(LS("ab"), c, 0));
+  EXPECT_FALSE(match(LS("acd"), c, 0));
+  EXPECT_FALSE(match(LS("c"), c, 0));
+  EXPECT_EQ(c.size(), 4u);
+  EXPECT_EQ(c.getOperator(3), eAndNot);
+  EXPECT_EQ(c.getCriterion(1).getText(), "b");
+  EXPECT_TRUE(c.getCriterion(99).getText().empty());
+  Criteria blanks;
+  blanks.add(Criterion(LS(), eExact), eAnd);
+  EXPECT_TRUE(blanks.empty());
+}
+
+}  // namespace

@@ -1,0 +1,135 @@
+#include <zyldb/platform/TextUtil.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using LS = LightweightString<char>;
+using WS = LightweightString<wchar_t>;
+
+int sign(int v) { return (v > 0) - (v < 0); }
+
+TEST(StrxcmpTest, OrderTable) {
+  struct Case {
+    const char* a;
+    const char* b;
+    int expected;
+  } cases[] = {
+      {"", "", 0},
+      {"abc", "abc", 0},
+      {"", "a", -1},
+      {"abc", "ABD", -1},
+      {"Scene 9", "scene 10", -1},
+      {"A2", "a10", -1},
+      {"x100", "x99", 1},
+      {"x007", "x7", 1},        // equal value: the shorter run first
+      {"x07b", "x7a", 1},       // ...but only when the rest is equal
+      {"x7", "x07", -1},
+      {"x0", "x00", -1},
+      {"x0", "x", 1},
+      {"abc", "ABC", 1},        // equal ignoring case: byte order last
+      {"ABC", "abc", -1},
+      {"a9", "a9b", -1},
+      {"1a", "a", -1},          // digits before letters, as in ASCII
+      {"123456789012345678901234567890", "123456789012345678901234567891", -1},
+      {"99999999999999999999", "100000000000000000000", -1},  // beyond 64 bits
+      {"reel 2 take 10", "reel 2 take 9", 1},
+      {"\xe9t\xe9", "\xe9t\xe9", 0},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(sign(strxcmp(c.a, c.b)), c.expected) << c.a << " vs " << c.b;
+    EXPECT_EQ(sign(strxcmp(c.b, c.a)), -c.expected) << c.b << " vs " << c.a;
+  }
+  EXPECT_EQ(strxcmp(nullptr, ""), 0);
+}
+
+TEST(StrxcmpTest, IsAStrictWeakOrderOnRandomTexts) {
+  std::mt19937 rng(12345);
+  const char alphabet[] = "aAbB0019 .";
+  std::vector<std::string> texts(300);
+  for (auto& t : texts) {
+    size_t n = rng() % 7;
+    for (size_t i = 0; i < n; ++i) t += alphabet[rng() % (sizeof alphabet - 1)];
+  }
+  std::sort(texts.begin(), texts.end(),
+            [](const std::string& a, const std::string& b) { return strxcmp(a.c_str(), b.c_str()) < 0; });
+  for (size_t i = 0; i + 1 < texts.size(); ++i)
+    for (size_t j = i + 1; j < texts.size(); ++j)
+      ASSERT_LE(strxcmp(texts[i].c_str(), texts[j].c_str()), 0) << texts[i] << " / " << texts[j];
+}
+
+TEST(TextUtilTest, EssentiallyEmptyAndLower) {
+  EXPECT_TRUE(isEssentiallyEmpty(LS()));
+  EXPECT_TRUE(isEssentiallyEmpty(" \t\r\n"));
+  EXPECT_TRUE(isEssentiallyEmpty(static_cast<const char*>(nullptr)));
+  EXPECT_FALSE(isEssentiallyEmpty(LS(" x ")));
+  EXPECT_FALSE(isEssentiallyEmpty("\xa0"));
+  EXPECT_EQ(toLower(LS("MiXeD 12 \xc9")), "mixed 12 \xc9");
+  LS lower("already");
+  EXPECT_EQ(toLower(lower).c_str(), lower.c_str());  // shared, not copied
+}
+
+TEST(TextUtilTest, Utf8BothWays) {
+  EXPECT_EQ(fromUTF8(LS("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x8e\xac")).view(), L"caf\u00e9 \u20ac \U0001F3AC");
+  EXPECT_EQ(toUTF8(WS(L"caf\u00e9 \u20ac \U0001F3AC")), "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x8e\xac");
+  // Invalid: a stray continuation, a truncated sequence, an overlong form,
+  // an encoded surrogate; each bad byte becomes one U+FFFD.
+  EXPECT_EQ(fromUTF8(LS("a\x80z")).view(), L"a\uFFFDz");
+  EXPECT_EQ(fromUTF8(LS("a\xe2\x82")).view(), L"a\uFFFD\uFFFD");
+  EXPECT_EQ(fromUTF8(LS("\xc0\xaf")).view(), L"\uFFFD\uFFFD");
+  EXPECT_EQ(fromUTF8(LS("\xed\xa0\x80")).view(), L"\uFFFD\uFFFD\uFFFD");
+  EXPECT_EQ(toUTF8(WS(std::wstring(1, static_cast<wchar_t>(0x110000)))), "\xef\xbf\xbd");
+}
+
+TEST(TextUtilTest, StripPathAndExt) {
+  EXPECT_EQ(stripPathAndExt(WS(L"/bins/M0a1b.bsg")).view(), L"M0a1b");
+  EXPECT_EQ(stripPathAndExt(WS(L"name")).view(), L"name");
+  EXPECT_EQ(stripPathAndExt(WS(L"dir.x/name")).view(), L"name");
+  EXPECT_EQ(stripPathAndExt(WS(L"a.b.c")).view(), L"a.b");
+  EXPECT_EQ(stripPathAndExt(WS(L"/x/.hidden")).view(), L".hidden");
+  EXPECT_EQ(stripPathAndExt(WS(L"/x/")).view(), L"");
+}
+
+TEST(TextUtilTest, BooleansAndNumbers) {
+  EXPECT_EQ(BoolAsString(true), "true");
+  EXPECT_EQ(BoolAsString(false), "false");
+  for (const char* t : {"true", " TRUE ", "yes", "On", "t", "1"}) EXPECT_TRUE(BoolFromString(LS(t), false)) << t;
+  for (const char* f : {"false", "No", "off", "F", "0"}) EXPECT_FALSE(BoolFromString(LS(f), true)) << f;
+  for (const char* x : {"", "2", "yess", "truex"}) {
+    EXPECT_TRUE(BoolFromString(LS(x), true)) << x;
+    EXPECT_FALSE(BoolFromString(LS(x), false)) << x;
+  }
+  EXPECT_EQ(StringFromInteger(-9223372036854775807LL - 1), "-9223372036854775808");
+  EXPECT_EQ(UIntFromString(LS("  42abc"), 7), 42u);
+  EXPECT_EQ(UIntFromString(LS("4294967295"), 7), 4294967295u);
+  EXPECT_EQ(UIntFromString(LS("4294967296"), 7), 7u);
+  EXPECT_EQ(UIntFromString(LS("-1"), 7), 7u);
+  EXPECT_EQ(UIntFromString(LS(""), 7), 7u);
+  EXPECT_EQ(Qm::WStringFromAscii("ab\xe9").view(), L"ab\u00e9");
+  EXPECT_TRUE(Qm::WStringFromAscii(nullptr).empty());
+}
+
+std::vector<std::string> split(const char* s, char sep, int mode) {
+  std::vector<std::string> out;
+  for (const LS& piece : Qm::splitIf(LS(s), sep, mode)) out.push_back(piece.toStdString());
+  return out;
+}
+
+TEST(TextUtilTest, SplitIfModes) {
+  using V = std::vector<std::string>;
+  EXPECT_EQ(split("a,,b", ',', 2), (V{"a", "", "b"}));
+  EXPECT_EQ(split("a,,b", ',', 0), (V{"a", "b"}));
+  EXPECT_EQ(split(",a,", ',', 2), (V{"", "a", ""}));
+  EXPECT_EQ(split(" a , b ,  ", ',', 1), (V{"a", "b"}));
+  EXPECT_EQ(split(" a , b ,  ", ',', 3), (V{"a", "b", ""}));
+  EXPECT_EQ(split(" a , b ", ',', 2), (V{" a ", " b "}));
+  EXPECT_EQ(split("", ',', 2), V{});
+  EXPECT_EQ(split("abc", ',', 0), V{"abc"});
+}
+
+}  // namespace

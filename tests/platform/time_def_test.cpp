@@ -1,0 +1,71 @@
+#include <zyldb/platform/time_def.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(TimeDefTest, ConversionTable) {
+  struct Case {
+    const char* text;
+    int type;
+    bool valid;
+    const char* punctuated;
+    const char* database;
+  } cases[] = {
+      {"01:00:00:12", eLabelTimecode, true, "01:00:00:12", "01000012"},
+      {"01:00:00;12", eLabelTimecode, true, "01:00:00;12", "01000012D"},
+      {"01000012", eLabelTimecode, true, "01:00:00:12", "01000012"},
+      {"01000012D", eLabelTimecode, true, "01:00:00;12", "01000012D"},
+      {"01000012d", eLabelSoundTimecode, true, "01:00:00;12", "01000012D"},
+      {"  10:09:59:29 ", eLabelNone, true, "10:09:59:29", "10095929"},
+      // drop-frame around the minute rollover: 00:00:59;29 -> 00:01:00;02
+      {"00:00:59;29", eLabelTimecode, true, "00:00:59;29", "00005929D"},
+      {"00:01:00;02", eLabelTimecode, true, "00:01:00;02", "00010002D"},
+      {"00:10:00;00", eLabelTimecode, true, "00:10:00;00", "00100000D"},
+      {"01.02.03.04", eLabelTimecode, true, "01:02:03:04", "01020304"},
+      {"01.02.03,04", eLabelTimecode, true, "01:02:03;04", "01020304D"},
+      {"1:2:3:4", eLabelTimecode, true, "01:02:03:04", "01020304"},
+      {"23:59:59:59", eLabelTimecode, true, "23:59:59:59", "23595959"},
+      // invalid: passes through, trimmed
+      {"24:00:00:00", eLabelTimecode, false, "24:00:00:00", "24:00:00:00"},
+      {"00:60:00:00", eLabelTimecode, false, "00:60:00:00", "00:60:00:00"},
+      {"00:00:00:60", eLabelTimecode, false, "00:00:00:60", "00:00:00:60"},
+      {"2400000", eLabelTimecode, false, "2400000", "2400000"},
+      {" 01:00:00 ", eLabelTimecode, false, "01:00:00", "01:00:00"},
+      {"01:00:00:123", eLabelTimecode, false, "01:00:00:123", "01:00:00:123"},
+      {"01000012X", eLabelTimecode, false, "01000012X", "01000012X"},
+      {"", eLabelTimecode, false, "", ""},
+      {"hello", eLabelTimecode, false, "hello", "hello"},
+      // other label types keep their text
+      {" KJ 12 3456+07 ", eLabelKeycode, false, "KJ 12 3456+07", "KJ 12 3456+07"},
+      {"01:00:00:12", eLabelInkcode, false, "01:00:00:12", "01:00:00:12"},
+  };
+  for (const Case& c : cases) {
+    time_def t(c.text, c.type);
+    EXPECT_EQ(t.isValid(), c.valid) << c.text;
+    EXPECT_EQ(t.get_punctuated_str(), c.punctuated) << c.text;
+    EXPECT_EQ(t.get_database_str(), c.database) << c.text;
+  }
+  time_def nullText(nullptr, eLabelTimecode);
+  EXPECT_TRUE(nullText.get_database_str().empty());
+}
+
+TEST(TimeDefTest, EveryValidTimecodeRoundTrips) {
+  for (int h : {0, 1, 23})
+    for (int m : {0, 9, 59})
+      for (int s : {0, 30, 59})
+        for (int f : {0, 1, 29, 59})
+          for (bool drop : {false, true}) {
+            char text[16];
+            std::snprintf(text, sizeof text, "%02d:%02d:%02d%c%02d", h, m, s, drop ? ';' : ':', f);
+            time_def a(text, eLabelTimecode);
+            ASSERT_TRUE(a.isValid()) << text;
+            EXPECT_EQ(a.isDropFrame(), drop);
+            EXPECT_EQ(a.hours() * 1000000 + a.minutes() * 10000 + a.seconds() * 100 + a.frames(),
+                      h * 1000000 + m * 10000 + s * 100 + f);
+            time_def b(a.get_database_str().c_str(), eLabelTimecode);
+            EXPECT_EQ(b.get_punctuated_str(), text);
+          }
+}
+
+}  // namespace

@@ -1,0 +1,146 @@
+#include "Args.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace zyl::cli {
+
+namespace {
+
+const OptionSpec* findLong(const CommandSpec& spec, const std::string& name) {
+  for (const OptionSpec& o : spec.options)
+    if (o.name == name) return &o;
+  return nullptr;
+}
+
+const OptionSpec* findShort(const CommandSpec& spec, char c) {
+  for (const OptionSpec& o : spec.options)
+    if (o.shortName != 0 && o.shortName == c) return &o;
+  return nullptr;
+}
+
+std::string trim(const std::string& s) {
+  size_t b = 0, e = s.size();
+  while (b < e && std::isspace(static_cast<unsigned char>(s[b]))) ++b;
+  while (e > b && std::isspace(static_cast<unsigned char>(s[e - 1]))) --e;
+  return s.substr(b, e - b);
+}
+
+}  // namespace
+
+std::string ParsedArgs::get(const std::string& name, const std::string& fallback) const {
+  auto it = values_.find(name);
+  if (it == values_.end() || it->second.empty()) return fallback;
+  return it->second.back();
+}
+
+std::vector<std::string> ParsedArgs::getAll(const std::string& name) const {
+  auto it = values_.find(name);
+  return it == values_.end() ? std::vector<std::string>() : it->second;
+}
+
+long ParsedArgs::getCount(const std::string& name, long fallback) const {
+  if (!has(name)) return fallback;
+  std::string text = get(name);
+  bool digits = !text.empty() && text.size() <= 9 &&
+                std::all_of(text.begin(), text.end(),
+                            [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
+  if (!digits) throw UsageError("--" + name + " needs a whole number, not \"" + text + "\"");
+  return std::stol(text);
+}
+
+ParsedArgs parseArgs(const CommandSpec& spec, const std::vector<std::string>& args) {
+  ParsedArgs out;
+  bool optionsEnded = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (optionsEnded || a.size() < 2 || a[0] != '-') {
+      out.positional.push_back(a);
+      continue;
+    }
+    if (a == "--") {
+      optionsEnded = true;
+      continue;
+    }
+    if (a == "-h" || a == "--help") {
+      out.helpRequested = true;
+      continue;
+    }
+    const OptionSpec* opt = nullptr;
+    std::string shown;  // the option as the user wrote it, for messages
+    std::string value;
+    bool hasValue = false;
+    if (a[1] == '-') {
+      std::string name = a.substr(2);
+      size_t eq = name.find('=');
+      if (eq != std::string::npos) {
+        value = name.substr(eq + 1);
+        name.resize(eq);
+        hasValue = true;
+      }
+      opt = findLong(spec, name);
+      shown = "--" + name;
+    } else {
+      opt = findShort(spec, a[1]);
+      shown = a.substr(0, 2);
+      if (a.size() > 2) {
+        value = a.substr(2);
+        hasValue = true;
+      }
+    }
+    if (opt == nullptr) throw UsageError("unknown option '" + shown + "'");
+    if (opt->valueName.empty()) {
+      if (hasValue) throw UsageError("option '" + shown + "' takes no value");
+      value.clear();
+    } else if (!hasValue) {
+      if (i + 1 >= args.size())
+        throw UsageError("option '" + shown + "' needs a value (" + opt->valueName + ")");
+      value = args[++i];
+    }
+    std::vector<std::string>& slot = out.values_[opt->name];
+    if (!opt->repeatable) slot.clear();
+    slot.push_back(value);
+  }
+  return out;
+}
+
+std::string helpText(const CommandSpec& spec) {
+  std::string out = "Usage: zyldb " + spec.name;
+  if (!spec.synopsis.empty()) out += " " + spec.synopsis;
+  out += "\n\n" + spec.summary + "\n";
+  if (!spec.options.empty()) {
+    out += "\nOptions:\n";
+    std::vector<std::string> lefts;
+    size_t widest = 0;
+    for (const OptionSpec& o : spec.options) {
+      std::string left = o.shortName ? std::string("-") + o.shortName + ", " : "    ";
+      left += "--" + o.name;
+      if (!o.valueName.empty()) left += " " + o.valueName;
+      widest = std::max(widest, left.size());
+      lefts.push_back(left);
+    }
+    for (size_t i = 0; i < spec.options.size(); ++i) {
+      out += "  " + lefts[i] + std::string(widest - lefts[i].size() + 2, ' ') +
+             spec.options[i].help + "\n";
+    }
+    out += "  -h, --help" + std::string(widest > 10 ? widest - 10 + 2 : 2, ' ') +
+           "show this help\n";
+  }
+  if (!spec.details.empty()) out += "\n" + spec.details;
+  return out;
+}
+
+std::vector<std::string> splitList(const std::string& text) {
+  std::vector<std::string> out;
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t comma = text.find(',', start);
+    if (comma == std::string::npos) comma = text.size();
+    std::string item = trim(text.substr(start, comma - start));
+    if (!item.empty()) out.push_back(item);
+    start = comma + 1;
+  }
+  return out;
+}
+
+}  // namespace zyl::cli

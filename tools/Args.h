@@ -1,0 +1,75 @@
+#pragma once
+
+// Command-line parsing for the zyldb tool: a subcommand's options and
+// positional arguments, with the messages a person needs when they are wrong.
+
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace zyl::cli {
+
+// A mistake on the command line; the tool prints it with a pointer to
+// --help and exits with status 2.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A failure with the input or output files, already explained on stderr or
+// carrying the explanation; the tool exits with status 1.
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct OptionSpec {
+  std::string name;       // long name without "--"
+  char shortName = 0;     // 0 when there is none
+  std::string valueName;  // empty for a flag that takes no value
+  std::string help;
+  bool repeatable = false;
+};
+
+struct CommandSpec {
+  std::string name;      // "show"
+  std::string synopsis;  // "LOG [options]"
+  std::string summary;   // one line
+  std::vector<OptionSpec> options;
+  std::string details;  // free text printed after the options
+};
+
+class ParsedArgs {
+ public:
+  bool has(const std::string& name) const { return values_.count(name) != 0; }
+  // The option's value (the last one when given more than once), or
+  // `fallback` when the option is absent.
+  std::string get(const std::string& name, const std::string& fallback = "") const;
+  // Every value of a repeatable option, in command-line order.
+  std::vector<std::string> getAll(const std::string& name) const;
+  // A non-negative integer option; UsageError when the text is not one.
+  long getCount(const std::string& name, long fallback) const;
+
+  std::vector<std::string> positional;
+  bool helpRequested = false;
+
+ private:
+  friend ParsedArgs parseArgs(const CommandSpec&, const std::vector<std::string>&);
+  std::map<std::string, std::vector<std::string>> values_;
+};
+
+// Parses `args` (the words after the subcommand's name). Accepts --name,
+// --name=value, --name value, -x value and "--" to end the options; -h and
+// --help set helpRequested. Throws UsageError for an unknown option, a
+// missing value or a value given to a flag.
+ParsedArgs parseArgs(const CommandSpec& spec, const std::vector<std::string>& args);
+
+// The --help text of a command.
+std::string helpText(const CommandSpec& spec);
+
+// Splits a comma-separated list of column names, trimming blanks around each
+// and dropping empty items.
+std::vector<std::string> splitList(const std::string& text);
+
+}  // namespace zyl::cli

@@ -1,0 +1,297 @@
+#include "Output.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace zyl::cli {
+
+namespace {
+
+constexpr size_t kGap = 2;  // blanks between table columns
+// A column that has to shrink keeps at least this many columns: enough for
+// a timecode or a scene label, so that only long texts get cut.
+constexpr size_t kMinColumnWidth = 12;
+constexpr char32_t kReplacement = 0xFFFD;
+
+}  // namespace
+
+char32_t decodeUtf8(std::string_view s, size_t& pos) {
+  unsigned char b0 = static_cast<unsigned char>(s[pos]);
+  if (b0 < 0x80) {
+    ++pos;
+    return b0;
+  }
+  int extra;
+  char32_t cp, minimum;
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    extra = 1, cp = b0 & 0x1F, minimum = 0x80;
+  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+    extra = 2, cp = b0 & 0x0F, minimum = 0x800;
+  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+    extra = 3, cp = b0 & 0x07, minimum = 0x10000;
+  } else {
+    ++pos;
+    return kReplacement;
+  }
+  if (pos + extra >= s.size()) {
+    ++pos;
+    return kReplacement;
+  }
+  for (int i = 1; i <= extra; ++i) {
+    unsigned char b = static_cast<unsigned char>(s[pos + i]);
+    if ((b & 0xC0) != 0x80) {
+      ++pos;
+      return kReplacement;
+    }
+    cp = (cp << 6) | (b & 0x3F);
+  }
+  if (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+    ++pos;
+    return kReplacement;
+  }
+  pos += extra + 1;
+  return cp;
+}
+
+namespace {
+
+void appendUtf8(std::string& out, char32_t cp) {
+  if (cp < 0x80) {
+    out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    out += static_cast<char>(0xC0 | (cp >> 6));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    out += static_cast<char>(0xE0 | (cp >> 12));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (cp >> 18));
+    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
+}
+
+size_t charWidth(char32_t cp) {
+  struct Range {
+    char32_t lo, hi;
+  };
+  static constexpr Range kCombining[] = {
+      {0x0300, 0x036F}, {0x0483, 0x0489}, {0x0591, 0x05BD}, {0x0610, 0x061A},
+      {0x064B, 0x065F}, {0x1AB0, 0x1AFF}, {0x1DC0, 0x1DFF}, {0x200B, 0x200F},
+      {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}, {0xFE20, 0xFE2F}};
+  static constexpr Range kWide[] = {
+      {0x1100, 0x115F},   {0x2E80, 0x303E},   {0x3041, 0x33FF},   {0x3400, 0x4DBF},
+      {0x4E00, 0x9FFF},   {0xA000, 0xA4CF},   {0xAC00, 0xD7A3},   {0xF900, 0xFAFF},
+      {0xFE30, 0xFE4F},   {0xFF00, 0xFF60},   {0xFFE0, 0xFFE6},   {0x1F300, 0x1F64F},
+      {0x1F900, 0x1F9FF}, {0x20000, 0x2FFFD}, {0x30000, 0x3FFFD}};
+  for (const Range& r : kCombining)
+    if (cp >= r.lo && cp <= r.hi) return 0;
+  for (const Range& r : kWide)
+    if (cp >= r.lo && cp <= r.hi) return 2;
+  return 1;
+}
+
+std::string padRight(const std::string& text, size_t width) {
+  size_t w = displayWidth(text);
+  return w >= width ? text : text + std::string(width - w, ' ');
+}
+
+std::string padLeft(const std::string& text, size_t width) {
+  size_t w = displayWidth(text);
+  return w >= width ? text : std::string(width - w, ' ') + text;
+}
+
+void rtrimBlanks(std::string& line) {
+  while (!line.empty() && line.back() == ' ') line.pop_back();
+}
+
+}  // namespace
+
+size_t displayWidth(std::string_view text) {
+  size_t width = 0;
+  for (size_t pos = 0; pos < text.size();) width += charWidth(decodeUtf8(text, pos));
+  return width;
+}
+
+std::string displayText(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t pos = 0; pos < text.size();) {
+    char32_t cp = decodeUtf8(text, pos);
+    if (cp == '\n') {
+      appendUtf8(out, 0x21B5);  // ↵
+    } else if (cp == '\t') {
+      out += ' ';
+    } else if (cp < 0x20 || cp == 0x7F || (cp >= 0x80 && cp <= 0x9F)) {
+      appendUtf8(out, kReplacement);
+    } else {
+      appendUtf8(out, cp);
+    }
+  }
+  return out;
+}
+
+std::string cutToWidth(std::string_view text, size_t width) {
+  if (displayWidth(text) <= width) return std::string(text);
+  if (width == 0) return std::string();
+  std::string out;
+  size_t used = 0;
+  for (size_t pos = 0; pos < text.size();) {
+    size_t start = pos;
+    size_t w = charWidth(decodeUtf8(text, pos));
+    if (used + w > width - 1) break;
+    out.append(text.substr(start, pos - start));
+    used += w;
+  }
+  out += "\u2026";  // …
+  return out;
+}
+
+TableLayout layoutTable(const Grid& grid, size_t lineWidth) {
+  size_t n = grid.names.size();
+  std::vector<size_t> natural(n);
+  for (size_t c = 0; c < n; ++c) {
+    size_t w = displayWidth(displayText(grid.names[c]));
+    for (const auto& row : grid.rows)
+      if (c < row.size()) w = std::max(w, displayWidth(displayText(row[c])));
+    natural[c] = std::max<size_t>(w, 1);
+  }
+  TableLayout layout;
+  size_t total = 0;
+  for (size_t c = 0; c < n; ++c) total += natural[c] + (c ? kGap : 0);
+  if (lineWidth == 0 || total <= lineWidth) {
+    layout.widths = natural;
+    return layout;
+  }
+  // Keep columns from the left while their minimum widths fit.
+  size_t used = 0;
+  for (size_t c = 0; c < n; ++c) {
+    size_t minimum = std::min(natural[c], kMinColumnWidth);
+    size_t need = minimum + (c ? kGap : 0);
+    if (used + need > lineWidth) {
+      if (c == 0) layout.widths.push_back(std::max<size_t>(lineWidth, 1));
+      break;
+    }
+    layout.widths.push_back(minimum);
+    used += need;
+  }
+  // Share out the room left, one column at a time to the narrowest column
+  // that is still short of its natural width.
+  size_t spare = lineWidth > used ? lineWidth - used : 0;
+  while (spare > 0) {
+    size_t best = SIZE_MAX;
+    for (size_t c = 0; c < layout.widths.size(); ++c) {
+      if (layout.widths[c] >= natural[c]) continue;
+      if (best == SIZE_MAX || layout.widths[c] < layout.widths[best]) best = c;
+    }
+    if (best == SIZE_MAX) break;
+    ++layout.widths[best];
+    --spare;
+  }
+  return layout;
+}
+
+std::string renderTable(const Grid& grid, size_t lineWidth, std::vector<std::string>* dropped) {
+  TableLayout layout = layoutTable(grid, lineWidth);
+  size_t shown = layout.widths.size();
+  if (dropped != nullptr)
+    for (size_t c = shown; c < grid.names.size(); ++c) dropped->push_back(grid.names[c]);
+
+  auto renderLine = [&](const std::vector<std::string>& cells, bool header) {
+    std::string line;
+    for (size_t c = 0; c < shown; ++c) {
+      if (c) line += std::string(kGap, ' ');
+      std::string text = cutToWidth(displayText(c < cells.size() ? cells[c] : ""),
+                                    layout.widths[c]);
+      bool right = !header && c < grid.rightAligned.size() && grid.rightAligned[c];
+      line += right ? padLeft(text, layout.widths[c]) : padRight(text, layout.widths[c]);
+    }
+    rtrimBlanks(line);
+    return line + "\n";
+  };
+
+  std::string out = renderLine(grid.names, true);
+  std::string rule;
+  for (size_t c = 0; c < shown; ++c) {
+    if (c) rule += std::string(kGap, ' ');
+    rule += std::string(layout.widths[c], '-');
+  }
+  out += rule + "\n";
+  for (const auto& row : grid.rows) out += renderLine(row, false);
+  return out;
+}
+
+std::string renderCsv(const Grid& grid, size_t* quoted) {
+  size_t count = 0;
+  auto field = [&count](const std::string& v) {
+    if (v.find_first_of(",\"\r\n") == std::string::npos) return v;
+    ++count;
+    std::string out = "\"";
+    for (char ch : v) {
+      if (ch == '"') out += '"';
+      out += ch;
+    }
+    return out + "\"";
+  };
+  auto line = [&](const std::vector<std::string>& cells) {
+    std::string out;
+    for (size_t c = 0; c < grid.names.size(); ++c) {
+      if (c) out += ',';
+      out += field(c < cells.size() ? cells[c] : "");
+    }
+    return out + "\n";
+  };
+  std::string out = line(grid.names);
+  for (const auto& row : grid.rows) out += line(row);
+  if (quoted != nullptr) *quoted = count;
+  return out;
+}
+
+std::string jsonString(std::string_view text) {
+  std::string out = "\"";
+  for (size_t pos = 0; pos < text.size();) {
+    char32_t cp = decodeUtf8(text, pos);
+    switch (cp) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      case '\b': out += "\\b"; break;
+      case '\f': out += "\\f"; break;
+      default:
+        if (cp < 0x20) {
+          static const char kHex[] = "0123456789abcdef";
+          out += "\\u00";
+          out += kHex[cp >> 4];
+          out += kHex[cp & 0xF];
+        } else {
+          appendUtf8(out, cp);
+        }
+    }
+  }
+  return out + "\"";
+}
+
+std::string renderJsonRows(const Grid& grid) {
+  if (grid.rows.empty()) return "[]\n";
+  std::string out = "[\n";
+  for (size_t r = 0; r < grid.rows.size(); ++r) {
+    out += "  {";
+    for (size_t c = 0; c < grid.names.size(); ++c) {
+      if (c) out += ", ";
+      out += jsonString(grid.names[c]) + ": " +
+             jsonString(c < grid.rows[r].size() ? grid.rows[r][c] : "");
+    }
+    out += r + 1 < grid.rows.size() ? "},\n" : "}\n";
+  }
+  return out + "]\n";
+}
+
+std::string plural(long n, const char* one, const char* many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+}  // namespace zyl::cli
