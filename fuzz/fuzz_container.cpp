@@ -14,6 +14,7 @@
 
 #include <zyldb/container/QMContainerFile.h>
 #include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/Logging.h>
 #include <zyldb/platform/OS.h>
 #include <zyldb/platform/TextUtil.h>
 
@@ -57,6 +58,7 @@ void exercise(const QMContainerFile::Reader& r) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string dir = [] {
+    zyl::setLogSink([](zyl::LogLevel, const char*) {});  // load warnings are expected
     char tmpl[] = "/tmp/fuzz_container.XXXXXX";
     const char* d = mkdtemp(tmpl);
     return std::string(d ? d : "/tmp");

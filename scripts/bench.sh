@@ -3,9 +3,11 @@
 # repetitions and prints one table of medians: zyldb beside its SQLite peer,
 # their ratio and the floor (reading and splitting the file; writing it).
 #
-#   scripts/bench.sh [--reps N] [--bin PATH] [benchmark options...]
+#   scripts/bench.sh [--reps N] [--cpu] [--bin PATH] [benchmark options...]
 #
 # --reps N     repetitions of every case (default 3); the table shows medians
+# --cpu        tabulate CPU time instead of wall-clock time (steadier on a
+#              busy machine, but blind to waiting for the disk when saving)
 # --bin PATH   run this zyldb_table_bench instead of building one
 # Other options go to the benchmark program, e.g. --benchmark_filter='/100000'.
 # Generated logs are cached in $ZYLDB_BENCH_DIR (default /tmp/zyldb-bench);
@@ -15,10 +17,12 @@ cd "$(dirname "$0")/.."
 
 reps=3
 bin=""
+clock=real_time
 while [ $# -gt 0 ]; do
   case "$1" in
     --reps) reps="$2"; shift 2 ;;
     --bin) bin="$2"; shift 2 ;;
+    --cpu) clock=cpu_time; shift ;;
     *) break ;;
   esac
 done
@@ -35,14 +39,15 @@ json="$(dirname "$bin")/table_bench.json"
 "$bin" --benchmark_repetitions="$reps" --benchmark_report_aggregates_only=true \
   --benchmark_out="$json" --benchmark_out_format=json "$@" >&2
 
-python3 - "$json" <<'PY'
+python3 - "$json" "$clock" <<'PY'
 import json, re, sys
 
 data = json.load(open(sys.argv[1]))
 scale = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
 median = {}  # (engine, op, rows) -> seconds, or a counter value
 for b in data["benchmarks"]:
-    if b.get("aggregate_name") != "median" or b.get("error_occurred"):
+    # With repetitions only the aggregates are reported; with one run, the run.
+    if b.get("error_occurred") or (b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median"):
         continue
     m = re.match(r"BM_(\w+?)_(\w+)/(\d+)", b["run_name"])
     if not m:
@@ -52,7 +57,7 @@ for b in data["benchmarks"]:
         median[(engine, "Resident", rows)] = b.get("rss_MB")
         median[(engine, "Peak", rows)] = b.get("peak_MB")
     else:
-        median[(engine, op, rows)] = b["real_time"] * scale[b["time_unit"]]
+        median[(engine, op, rows)] = b[sys.argv[2]] * scale[b["time_unit"]]
 
 def fmt_time(s):
     if s is None:
@@ -89,5 +94,6 @@ print(row(header))
 print("  ".join("-" * w for w in widths))
 for r in lines:
     print(row(r))
-print("\nratio: SQLite median / zyldb median (above 1: zyldb is faster or smaller).")
+print("\n%s; ratio: SQLite median / zyldb median (above 1: zyldb is faster or smaller)."
+      % ("CPU time" if sys.argv[2] == "cpu_time" else "wall-clock time"))
 PY

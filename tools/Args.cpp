@@ -7,14 +7,14 @@ namespace zyl::cli {
 
 namespace {
 
-const OptionSpec* findLong(const CommandSpec& spec, const std::string& name) {
-  for (const OptionSpec& o : spec.options)
+const OptionDef* findLong(const CommandDef& def, const std::string& name) {
+  for (const OptionDef& o : def.options)
     if (o.name == name) return &o;
   return nullptr;
 }
 
-const OptionSpec* findShort(const CommandSpec& spec, char c) {
-  for (const OptionSpec& o : spec.options)
+const OptionDef* findShort(const CommandDef& def, char c) {
+  for (const OptionDef& o : def.options)
     if (o.shortName != 0 && o.shortName == c) return &o;
   return nullptr;
 }
@@ -49,7 +49,7 @@ long ParsedArgs::getCount(const std::string& name, long fallback) const {
   return std::stol(text);
 }
 
-ParsedArgs parseArgs(const CommandSpec& spec, const std::vector<std::string>& args) {
+ParsedArgs parseArgs(const CommandDef& def, const std::vector<std::string>& args) {
   ParsedArgs out;
   bool optionsEnded = false;
   for (size_t i = 0; i < args.size(); ++i) {
@@ -66,7 +66,7 @@ ParsedArgs parseArgs(const CommandSpec& spec, const std::vector<std::string>& ar
       out.helpRequested = true;
       continue;
     }
-    const OptionSpec* opt = nullptr;
+    const OptionDef* opt = nullptr;
     std::string shown;  // the option as the user wrote it, for messages
     std::string value;
     bool hasValue = false;
@@ -78,10 +78,10 @@ ParsedArgs parseArgs(const CommandSpec& spec, const std::vector<std::string>& ar
         name.resize(eq);
         hasValue = true;
       }
-      opt = findLong(spec, name);
+      opt = findLong(def, name);
       shown = "--" + name;
     } else {
-      opt = findShort(spec, a[1]);
+      opt = findShort(def, a[1]);
       shown = a.substr(0, 2);
       if (a.size() > 2) {
         value = a.substr(2);
@@ -104,29 +104,76 @@ ParsedArgs parseArgs(const CommandSpec& spec, const std::vector<std::string>& ar
   return out;
 }
 
-std::string helpText(const CommandSpec& spec) {
-  std::string out = "Usage: zyldb " + spec.name;
-  if (!spec.synopsis.empty()) out += " " + spec.synopsis;
-  out += "\n\n" + spec.summary + "\n";
-  if (!spec.options.empty()) {
+std::string wrapText(const std::string& text, size_t width, size_t indent) {
+  std::string out;
+  size_t start = 0;
+  bool firstLine = true;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    std::string line = text.substr(start, end - start);
+    start = end + 1;
+    size_t column = 0;
+    if (!firstLine) {
+      out += "\n" + std::string(indent, ' ');
+      column = indent;
+    }
+    firstLine = false;
+    if (!line.empty() && line[0] == ' ') {
+      out += line;
+      continue;
+    }
+    bool lineEmpty = true;
+    for (size_t pos = 0; pos < line.size();) {
+      size_t blank = line.find(' ', pos);
+      if (blank == std::string::npos) blank = line.size();
+      std::string word = line.substr(pos, blank - pos);
+      pos = blank + 1;
+      if (word.empty()) continue;
+      if (!lineEmpty && column + 1 + word.size() > width) {
+        out += "\n" + std::string(indent, ' ');
+        column = indent;
+        lineEmpty = true;
+      }
+      if (!lineEmpty) {
+        out += ' ';
+        ++column;
+      }
+      out += word;
+      column += word.size();
+      lineEmpty = false;
+    }
+  }
+  return out;
+}
+
+std::string helpText(const CommandDef& def) {
+  constexpr size_t kWidth = 79;
+  std::string out = "Usage: zyldb " + def.name;
+  if (!def.synopsis.empty()) out += " " + def.synopsis;
+  out += "\n\n" + wrapText(def.summary, kWidth, 0) + "\n";
+  {
     out += "\nOptions:\n";
     std::vector<std::string> lefts;
     size_t widest = 0;
-    for (const OptionSpec& o : spec.options) {
+    for (const OptionDef& o : def.options) {
       std::string left = o.shortName ? std::string("-") + o.shortName + ", " : "    ";
       left += "--" + o.name;
       if (!o.valueName.empty()) left += " " + o.valueName;
       widest = std::max(widest, left.size());
       lefts.push_back(left);
     }
-    for (size_t i = 0; i < spec.options.size(); ++i) {
-      out += "  " + lefts[i] + std::string(widest - lefts[i].size() + 2, ' ') +
-             spec.options[i].help + "\n";
+    for (size_t i = 0; i < def.options.size(); ++i) {
+      std::string prefix = "  " + lefts[i] + std::string(widest - lefts[i].size() + 2, ' ');
+      std::string help = wrapText(def.options[i].help, kWidth - prefix.size(), 0);
+      for (size_t nl = help.find('\n'); nl != std::string::npos; nl = help.find('\n', nl + 1))
+        help.insert(nl + 1, prefix.size(), ' ');
+      out += prefix + help + "\n";
     }
-    out += "  -h, --help" + std::string(widest > 10 ? widest - 10 + 2 : 2, ' ') +
-           "show this help\n";
+    out +=
+        "  -h, --help" + std::string(widest > 10 ? widest - 10 + 2 : 2, ' ') + "show this help\n";
   }
-  if (!spec.details.empty()) out += "\n" + spec.details;
+  if (!def.details.empty()) out += "\n" + wrapText(def.details, kWidth, 0) + "\n";
   return out;
 }
 

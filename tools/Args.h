@@ -24,7 +24,7 @@ class Failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-struct OptionSpec {
+struct OptionDef {
   std::string name;       // long name without "--"
   char shortName = 0;     // 0 when there is none
   std::string valueName;  // empty for a flag that takes no value
@@ -32,11 +32,12 @@ struct OptionSpec {
   bool repeatable = false;
 };
 
-struct CommandSpec {
+struct CommandDef {
   std::string name;      // "show"
   std::string synopsis;  // "LOG [options]"
-  std::string summary;   // one line
-  std::vector<OptionSpec> options;
+  std::string brief;     // a few words for the list of commands
+  std::string summary;   // a paragraph for the command's help
+  std::vector<OptionDef> options;
   std::string details;  // free text printed after the options
 };
 
@@ -55,7 +56,7 @@ class ParsedArgs {
   bool helpRequested = false;
 
  private:
-  friend ParsedArgs parseArgs(const CommandSpec&, const std::vector<std::string>&);
+  friend ParsedArgs parseArgs(const CommandDef&, const std::vector<std::string>&);
   std::map<std::string, std::vector<std::string>> values_;
 };
 
@@ -63,10 +64,15 @@ class ParsedArgs {
 // --name=value, --name value, -x value and "--" to end the options; -h and
 // --help set helpRequested. Throws UsageError for an unknown option, a
 // missing value or a value given to a flag.
-ParsedArgs parseArgs(const CommandSpec& spec, const std::vector<std::string>& args);
+ParsedArgs parseArgs(const CommandDef& def, const std::vector<std::string>& args);
 
-// The --help text of a command.
-std::string helpText(const CommandSpec& spec);
+// The --help text of a command, wrapped to 80 columns.
+std::string helpText(const CommandDef& def);
+
+// `text` wrapped at blanks into lines of at most `width` characters, every
+// line but the first indented by `indent` blanks. Line feeds in `text` are
+// kept; a line that starts with a blank is kept as it is.
+std::string wrapText(const std::string& text, size_t width, size_t indent);
 
 // Splits a comma-separated list of column names, trimming blanks around each
 // and dropping empty items.

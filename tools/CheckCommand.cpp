@@ -32,6 +32,7 @@ int runCheck(const ParsedArgs& args) {
 Command checkCommand() {
   return {{"check",
            "LOG...",
+           "check that logs load cleanly",
            "Checks that each log loads cleanly. Prints \"ok\" with the counts for a good file; "
            "for a bad one says on stderr what is wrong and on which line.",
            {},

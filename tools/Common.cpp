@@ -1,11 +1,11 @@
 #include "Common.h"
 
+#include <zyldb/db/dbrecord.h>
+
 #include <cctype>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
-
-#include <zyldb/db/dbrecord.h>
 
 namespace zyl::cli {
 
@@ -80,7 +80,7 @@ OpenLog requireLog(const std::string& path, bool forWriting) {
   OpenLog log = openLog(path);
   for (const Problem& p : log.problems) std::cerr << log.describe(p) << "\n";
   if (log.failed()) throw Failure("");
-  if (forWriting && log.recordsLost)
+  if (forWriting && log.incomplete)
     throw Failure("not writing a result that would lack what did not load from " + path +
                   " (see 'zyldb check " + path + "')");
   return log;
@@ -139,12 +139,21 @@ void sortTable(zyldb& table, const std::vector<int>& columns, bool descending) {
 bool tagColumnSays(const zyldb& table, unsigned int row) {
   int column = table.get_fieldnum(LightweightString<char>("Tag"));
   if (column < 0) return false;
-  return std::strtol(table.getField(row, static_cast<unsigned int>(column)).c_str(), nullptr,
-                     10) != 0;
+  return std::strtol(table.getField(row, static_cast<unsigned int>(column)).c_str(), nullptr, 10) !=
+         0;
+}
+
+ODBView newView(zyldb& table) {
+  ODBView view(new ODBViewRep(&table));
+  // A table read from a comma-separated file has no parameters, and a view
+  // takes its parameters from its table; give it the magic one so that it
+  // saves as a log.
+  if (*view->get_param_val("ZYLDB") == '\0') view->set_param_val("ZYLDB", "Rev 1");
+  return view;
 }
 
 ODBView viewOfRows(zyldb& table, const std::vector<unsigned int>& rows) {
-  ODBView view(new ODBViewRep(&table));
+  ODBView view = newView(table);
   for (size_t i = 0; i < rows.size(); ++i) {
     view->append(static_cast<int>(rows[i]));
     view->set_tag(static_cast<unsigned int>(i), tagColumnSays(table, rows[i]) ? 1 : 0);
@@ -160,18 +169,30 @@ std::vector<unsigned int> allRows(const zyldb& table) {
 
 std::string typeKeyword(DBFieldTypes::eType type) {
   switch (type) {
-    case DBFieldTypes::timecode: return "timecode";
-    case DBFieldTypes::timecode_s: return "timecode_s";
-    case DBFieldTypes::text: return "text";
-    case DBFieldTypes::text_s: return "text_s";
-    case DBFieldTypes::time_of_day: return "time_of_day";
-    case DBFieldTypes::date: return "date";
-    case DBFieldTypes::dos_date: return "dos_date";
-    case DBFieldTypes::char_: return "char";
-    case DBFieldTypes::numeric: return "numeric";
-    case DBFieldTypes::long_: return "long";
-    case DBFieldTypes::double_: return "double";
-    case DBFieldTypes::none: return "none";
+    case DBFieldTypes::timecode:
+      return "timecode";
+    case DBFieldTypes::timecode_s:
+      return "timecode_s";
+    case DBFieldTypes::text:
+      return "text";
+    case DBFieldTypes::text_s:
+      return "text_s";
+    case DBFieldTypes::time_of_day:
+      return "time_of_day";
+    case DBFieldTypes::date:
+      return "date";
+    case DBFieldTypes::dos_date:
+      return "dos_date";
+    case DBFieldTypes::char_:
+      return "char";
+    case DBFieldTypes::numeric:
+      return "numeric";
+    case DBFieldTypes::long_:
+      return "long";
+    case DBFieldTypes::double_:
+      return "double";
+    case DBFieldTypes::none:
+      return "none";
   }
   return std::string(1, static_cast<char>(type));
 }
@@ -206,7 +227,8 @@ Grid gridOf(ODBViewRep& view, const std::vector<int>& columns) {
 
 void appendLogLines(ODBViewRep& view, TextFile& out) {
   for (const AssocList::Entry& e : view.params())
-    out.appendLine(std::string_view("\"" + e.key.toStdString() + ":" + e.value.toStdString() + "\""));
+    out.appendLine(
+        std::string_view("\"" + e.key.toStdString() + ":" + e.value.toStdString() + "\""));
   view.odb()->save_column_header(out, false);
   int tagColumn = view.get_fieldnum(LightweightString<char>("Tag"));
   for (unsigned int r = 0; r < view.get_num_records(); ++r) {

@@ -4,12 +4,12 @@
 // a command, naming columns, queries, views of chosen rows, and writing a
 // view to stdout or, safely, to a file.
 
-#include <string>
-#include <vector>
-
 #include <zyldb/all.h>
 #include <zyldb/db/zyldb.h>
 #include <zyldb/view/ODBView.h>
+
+#include <string>
+#include <vector>
 
 #include "Args.h"
 #include "LogFile.h"
@@ -18,7 +18,7 @@
 namespace zyl::cli {
 
 struct Command {
-  CommandSpec spec;
+  CommandDef def;
   // Runs the command; returns the exit status. Throws UsageError or Failure.
   int (*run)(const ParsedArgs& args);
 };
@@ -60,6 +60,10 @@ void sortTable(zyldb& table, const std::vector<int>& columns, bool descending);
 // Whether raw row `row` is tagged by the table's "Tag" column (a non-zero
 // number); false for every row of a table without that column.
 bool tagColumnSays(const zyldb& table, unsigned int row);
+
+// A new, empty view over `table`, with the table's parameters; a table
+// without them gets the first parameter of a log ("ZYLDB" = "Rev 1").
+ODBView newView(zyldb& table);
 
 // A view over `table` showing `rows` in that order, each tagged as its
 // "Tag" column says.

@@ -3,14 +3,13 @@
 // what the step did.
 
 #include <unistd.h>
+#include <zyldb/db/dbrecord.h>
 
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <memory>
-
-#include <zyldb/db/dbrecord.h>
 
 #include "Common.h"
 
@@ -103,9 +102,8 @@ int runDemo(const ParsedArgs& args) {
   code("Qm::Ptr<zyldb> table(new zyldb(fromUTF8(path), INT_MAX, true));");
   OpenLog log = requireLog(path, false);
   zyldb* table = log.table.get();
-  result("valid, " +
-         plural(static_cast<long>(table->get_num_records()), "record", "records") + " in " +
-         plural(static_cast<long>(table->get_num_fields()), "column", "columns") + ", " +
+  result("valid, " + plural(static_cast<long>(table->get_num_records()), "record", "records") +
+         " in " + plural(static_cast<long>(table->get_num_fields()), "column", "columns") + ", " +
          plural(static_cast<long>(table->getNumParams()), "parameter", "parameters"));
 
   int scene = requireColumn(log, "Scene");
@@ -118,8 +116,7 @@ int runDemo(const ParsedArgs& args) {
   view->displayAllRecords();
   ODBView watcher(new ODBViewRep(table));
   watcher->displayAllRecords();
-  result("the view shows " +
-         plural(static_cast<long>(view->get_num_records()), "row", "rows") +
+  result("the view shows " + plural(static_cast<long>(view->get_num_records()), "row", "rows") +
          ", and so does the second view");
 
   step(3, "Sort the view by scene, shot and take, descending");
@@ -162,9 +159,10 @@ int runDemo(const ParsedArgs& args) {
     throw Failure(out + ": cannot be written: " + OS()->fileService().lastError());
   Qm::Ptr<zyldb> reloaded(new zyldb(widePath(out), INT_MAX, true));
   result(plural(written, "record", "records") + " written to " +
-         (temporary ? std::string("a temporary file") : out) + "; read back: " +
-         plural(static_cast<long>(reloaded->get_num_records()), "record", "records") +
-         ", the first " + reloaded->getField(0, static_cast<unsigned int>(shown[0])).toStdString());
+         (temporary ? std::string("a temporary file") : out));
+  code("   read back: " +
+       plural(static_cast<long>(reloaded->get_num_records()), "record", "records") +
+       ", the first " + reloaded->getField(0, static_cast<unsigned int>(shown[0])).toStdString());
   if (!temporary) code("   (see it with: zyldb show " + out + ")");
   return 0;
 }
@@ -174,13 +172,16 @@ int runDemo(const ParsedArgs& args) {
 Command demoCommand() {
   return {{"demo",
            "[--log LOG] [-o OUT]",
+           "run a host's typical request on the example log",
            "Runs a host's typical request on the example log and prints each step: open the "
            "log, make a view, sort it, tag the rows matching a query, delete them through the "
            "view, save the view. The log itself is not changed.",
-           {{"log", 0, "LOG", "use LOG instead of the example (it needs the columns Name, "
-                              "Scene, Shot, Take, Start time and Description)"},
-            {"output", 'o', "OUT", "save the view to OUT (default: a temporary file, removed "
-                                   "afterwards)"}},
+           {{"log", 0, "LOG",
+             "use LOG instead of the example (it needs the columns Name, "
+             "Scene, Shot, Take, Start time and Description)"},
+            {"output", 'o', "OUT",
+             "save the view to OUT (default: a temporary file, removed "
+             "afterwards)"}},
            ""},
           runDemo};
 }

@@ -14,9 +14,9 @@ namespace zyl::cli {
 
 namespace {
 
-const OptionSpec kOutputOption = {"output", 'o', "OUT",
-                                  "write the result to OUT (a log; CSV when OUT ends in "
-                                  "\".csv\", JSON when in \".json\"); default: stdout, as a log"};
+const OptionDef kOutputOption = {"output", 'o', "OUT",
+                                 "write the result to OUT (a log; CSV when OUT ends in "
+                                 "\".csv\", JSON when in \".json\"); default: stdout, as a log"};
 
 const char kWritingDetails[] =
     "The input is never changed, unless OUT names it. A file is written whole to a temporary "
@@ -26,8 +26,8 @@ const char kWritingDetails[] =
 // Reports what was written when the result went to a file.
 void reportWritten(const std::string& command, const std::string& out, unsigned int rows) {
   if (out.empty()) return;
-  std::cerr << "zyldb " << command << ": wrote "
-            << plural(static_cast<long>(rows), "row", "rows") << " to " << out << "\n";
+  std::cerr << "zyldb " << command << ": wrote " << plural(static_cast<long>(rows), "row", "rows")
+            << " to " << out << "\n";
 }
 
 int runSort(const ParsedArgs& args) {
@@ -56,16 +56,16 @@ int runFind(const ParsedArgs& args) {
     // Every row, tagged when it matches; the tags are saved in a "Tag"
     // column, added when the log has none.
     table.addField(DBFieldDesc{"Tag", DBFieldTypes::numeric});
-    view = ODBView(new ODBViewRep(&table));
+    view = newView(table);
     view->displayAllRecords();
     view->tagAll(false);
     for (unsigned int r : matches) view->set_tag(r, 1);
   } else {
     view = viewOfRows(table, matches);
   }
-  writeView("find", *view.rep(), args.get("output"));
   std::cerr << "zyldb find: " << matches.size() << " of "
             << plural(static_cast<long>(total), "row matches", "rows match") << "\n";
+  writeView("find", *view.rep(), args.get("output"));
   reportWritten("find", args.get("output"), view->get_num_records());
   return matches.empty() ? 1 : 0;
 }
@@ -145,6 +145,7 @@ int runConvert(const ParsedArgs& args) {
 Command sortCommand() {
   return {{"sort",
            "LOG --by COLS [--desc] [-o OUT]",
+           "sort the records on columns",
            "Sorts the log's records on the columns named, with the library's comparators "
            "(ascending; --desc for the descending one).",
            {{"by", 0, "COLS", "the columns to sort on, comma-separated, in this order"},
@@ -157,6 +158,7 @@ Command sortCommand() {
 Command findCommand() {
   return {{"find",
            "LOG --where COL=TEXT... [--tag | --only] [-o OUT]",
+           "keep or tag the records that match a query",
            "Finds the records that match a query: every COL must contain its TEXT, ignoring "
            "case; start/end label columns match a label lying in their range.",
            {{"where", 0, "COL=TEXT", "a condition; repeatable", true},
@@ -164,7 +166,7 @@ Command findCommand() {
             {"only", 0, "", "keep only the matching records (the default)"},
             kOutputOption},
            std::string("Exit status: 0 when records match, 1 when none does, 2 on a usage "
-                       "error.\n") +
+                       "error.\n\n") +
                kWritingDetails},
           runFind};
 }
@@ -172,6 +174,7 @@ Command findCommand() {
 Command dedupeCommand() {
   return {{"dedupe",
            "LOG --by COL [-o OUT]",
+           "keep the first record of every value of a column",
            "Keeps the first record, in file order, of every value of a column (values that "
            "differ only in case are the same value).",
            {{"by", 0, "COL", "the column whose values must not repeat"}, kOutputOption},
@@ -182,6 +185,7 @@ Command dedupeCommand() {
 Command mergeCommand() {
   return {{"merge",
            "LOG OTHER [-o OUT]",
+           "append the records of another log by column name",
            "Appends the records of OTHER to those of LOG, column by column where the names "
            "match; timecodes are converted between their two column types.",
            {kOutputOption},
@@ -192,6 +196,7 @@ Command mergeCommand() {
 Command convertCommand() {
   return {{"convert",
            "IN OUT",
+           "convert between the log format, CSV and JSON",
            "Converts between the log format and comma-separated text (a name ending in "
            "\".csv\", both ways) and writes JSON (a name ending in \".json\").",
            {},

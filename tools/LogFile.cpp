@@ -1,6 +1,7 @@
 #include "LogFile.h"
 
 #include <strings.h>
+#include <zyldb/db/dbrecord.h>
 
 #include <cerrno>
 #include <climits>
@@ -8,8 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
-
-#include <zyldb/db/dbrecord.h>
 
 #include "Output.h"
 
@@ -52,9 +51,7 @@ std::string ordinal(long n) {
 }
 
 // A short, printable quotation of a line for a message.
-std::string quoteLine(const char* line) {
-  return "\"" + cutToWidth(displayText(line), 40) + "\"";
-}
+std::string quoteLine(const char* line) { return "\"" + cutToWidth(displayText(line), 40) + "\""; }
 
 // Why the sample of a file is not text, or nothing when it is.
 std::optional<std::string> binaryReason(std::string_view sample) {
@@ -103,23 +100,22 @@ void diagnoseCsv(OpenLog& log, TextFile& file) {
   for (unsigned int i = 1; i < file.getNumLines(); ++i) {
     size_t values = Qm::splitIf(file[i], ',', 2).size();
     if (values == 0 || values == columns) continue;
-    if (values > columns) log.recordsLost = true;
+    log.incomplete = true;
     if (reported == kMaxLineProblems) {
       ++unreported;
       continue;
     }
     ++reported;
     std::string text = "line has " + plural(static_cast<long>(values), "value", "values") +
-                       ", the file has " +
-                       plural(static_cast<long>(columns), "column", "columns");
-    text += values > columns ? "; the values after the " + ordinal(static_cast<long>(columns)) +
-                                   " are dropped"
-                             : "; the missing values are left empty";
+                       ", the file has " + plural(static_cast<long>(columns), "column", "columns");
+    text += values > columns
+                ? "; the values after the " + ordinal(static_cast<long>(columns)) + " are dropped"
+                : "; the missing values are left empty";
     log.problems.push_back({static_cast<int>(i) + 1, text});
   }
   if (unreported > 0)
-    log.problems.push_back(
-        {0, plural(unreported, "more line has", "more lines have") + " the wrong number of values"});
+    log.problems.push_back({0, plural(unreported, "more line has", "more lines have") +
+                                   " the wrong number of values"});
 }
 
 void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& messages) {
@@ -144,8 +140,9 @@ void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& m
     dberror e;
     if (terminator == 0) {
       log.problems.push_back(
-          {0, "the header never ends: no \"ZYLDB\" line follows its parameter lines, so the file "
-              "has no column header"});
+          {0,
+           "the header never ends: no \"ZYLDB\" line follows its parameter lines, so the file "
+           "has no column header"});
     } else if (table.read_error_info(e) && e.code == 3 && e.detail == 3) {
       log.problems.push_back({static_cast<int>(typesLine) + 1,
                               "the types line has " + plural(types.count, "field", "fields") +
@@ -166,12 +163,11 @@ void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& m
   if (parameters + 1 > zyldb::kMaxParams)
     log.problems.push_back({static_cast<int>(zyldb::kMaxParams) + 1,
                             "the header has " + std::to_string(parameters + 1) +
-                                " parameter lines; those after the " +
-                                ordinal(zyldb::kMaxParams) + " are dropped"});
+                                " parameter lines; those after the " + ordinal(zyldb::kMaxParams) +
+                                " are dropped"});
   if (table.getRevision() != 1)
-    log.problems.push_back(
-        {1, "the log is revision " + std::to_string(table.getRevision()) +
-                "; this library reads revision 1 and may misread it"});
+    log.problems.push_back({1, "the log is revision " + std::to_string(table.getRevision()) +
+                                   "; this library reads revision 1 and may misread it"});
   if (table.get_num_fields() == 0)
     log.problems.push_back(
         {static_cast<int>(widthsLine) + 1, "the widths line is empty, so the log has no columns"});
@@ -179,9 +175,9 @@ void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& m
     const char* keyword = types.record.get_field(static_cast<unsigned short>(c));
     if (keyword != nullptr && zyldb_string_to_fieldtype(keyword) == DBFieldTypes::none)
       log.problems.push_back({static_cast<int>(typesLine) + 1,
-                              "column " + std::to_string(c + 1) + " (\"" +
-                                  table.get_fieldname(c) + "\") has the unknown type \"" +
-                                  keyword + "\"; it is read as text"});
+                              "column " + std::to_string(c + 1) + " (\"" + table.get_fieldname(c) +
+                                  "\") has the unknown type \"" + keyword +
+                                  "\"; it is read as text"});
   }
 
   unsigned int rows = table.getNumRawRecords();
@@ -196,7 +192,7 @@ void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& m
              plural(static_cast<long>(table.get_num_fields()), "column", "columns") + "; " +
              plural(e.detail, "record", "records") + " before it " +
              (e.detail == 1 ? "is" : "are") + " usable"});
-    log.recordsLost = true;
+    log.incomplete = true;
   } else {
     unsigned int after = namesLine + 1 + rows;
     if (after < file.getNumLines() && isBlank(file, after)) {
@@ -204,11 +200,11 @@ void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& m
       for (unsigned int i = after + 1; i < file.getNumLines(); ++i)
         if (!isBlank(file, i)) ++ignored;
       if (ignored > 0) {
-        log.problems.push_back({static_cast<int>(after) + 1,
-                                "a blank line ends the records; the " +
-                                    plural(ignored, "line", "lines") + " after it " +
-                                    (ignored == 1 ? "is" : "are") + " not read"});
-        log.recordsLost = true;
+        log.problems.push_back(
+            {static_cast<int>(after) + 1, "a blank line ends the records; the " +
+                                              plural(ignored, "line", "lines") + " after it " +
+                                              (ignored == 1 ? "is" : "are") + " not read"});
+        log.incomplete = true;
       }
     }
   }

@@ -4,11 +4,11 @@
 // before the library loads it, loads it, and explains in a person's words
 // anything that kept it from loading cleanly, with line numbers.
 
-#include <string>
-#include <vector>
-
 #include <zyldb/all.h>
 #include <zyldb/db/zyldb.h>
+
+#include <string>
+#include <vector>
 
 namespace zyl::cli {
 
@@ -23,9 +23,10 @@ struct OpenLog {
   // The loaded table; null when the file could not be loaded at all.
   Qm::Ptr<zyldb> table;
   std::vector<Problem> problems;
-  // Set when rows of the file are missing from the table (a malformed
-  // record or a blank line stopped the reading).
-  bool recordsLost = false;
+  // Set when the table lacks rows or values of the file: a malformed record
+  // or a blank line stopped the reading, or lines of a comma-separated file
+  // have more or fewer values than it has columns.
+  bool incomplete = false;
 
   bool failed() const { return table.get() == nullptr; }
   // "path: line N: text", or "path: text" for a whole-file problem.

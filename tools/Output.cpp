@@ -77,15 +77,15 @@ size_t charWidth(char32_t cp) {
   struct Range {
     char32_t lo, hi;
   };
-  static constexpr Range kCombining[] = {
-      {0x0300, 0x036F}, {0x0483, 0x0489}, {0x0591, 0x05BD}, {0x0610, 0x061A},
-      {0x064B, 0x065F}, {0x1AB0, 0x1AFF}, {0x1DC0, 0x1DFF}, {0x200B, 0x200F},
-      {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}, {0xFE20, 0xFE2F}};
-  static constexpr Range kWide[] = {
-      {0x1100, 0x115F},   {0x2E80, 0x303E},   {0x3041, 0x33FF},   {0x3400, 0x4DBF},
-      {0x4E00, 0x9FFF},   {0xA000, 0xA4CF},   {0xAC00, 0xD7A3},   {0xF900, 0xFAFF},
-      {0xFE30, 0xFE4F},   {0xFF00, 0xFF60},   {0xFFE0, 0xFFE6},   {0x1F300, 0x1F64F},
-      {0x1F900, 0x1F9FF}, {0x20000, 0x2FFFD}, {0x30000, 0x3FFFD}};
+  static constexpr Range kCombining[] = {{0x0300, 0x036F}, {0x0483, 0x0489}, {0x0591, 0x05BD},
+                                         {0x0610, 0x061A}, {0x064B, 0x065F}, {0x1AB0, 0x1AFF},
+                                         {0x1DC0, 0x1DFF}, {0x200B, 0x200F}, {0x20D0, 0x20FF},
+                                         {0xFE00, 0xFE0F}, {0xFE20, 0xFE2F}};
+  static constexpr Range kWide[] = {{0x1100, 0x115F},   {0x2E80, 0x303E},   {0x3041, 0x33FF},
+                                    {0x3400, 0x4DBF},   {0x4E00, 0x9FFF},   {0xA000, 0xA4CF},
+                                    {0xAC00, 0xD7A3},   {0xF900, 0xFAFF},   {0xFE30, 0xFE4F},
+                                    {0xFF00, 0xFF60},   {0xFFE0, 0xFFE6},   {0x1F300, 0x1F64F},
+                                    {0x1F900, 0x1F9FF}, {0x20000, 0x2FFFD}, {0x30000, 0x3FFFD}};
   for (const Range& r : kCombining)
     if (cp >= r.lo && cp <= r.hi) return 0;
   for (const Range& r : kWide)
@@ -171,7 +171,10 @@ TableLayout layoutTable(const Grid& grid, size_t lineWidth) {
     size_t minimum = std::min(natural[c], kMinColumnWidth);
     size_t need = minimum + (c ? kGap : 0);
     if (used + need > lineWidth) {
-      if (c == 0) layout.widths.push_back(std::max<size_t>(lineWidth, 1));
+      if (c == 0) {
+        layout.widths.push_back(std::max<size_t>(lineWidth, 1));
+        used = lineWidth;
+      }
       break;
     }
     layout.widths.push_back(minimum);
@@ -203,8 +206,8 @@ std::string renderTable(const Grid& grid, size_t lineWidth, std::vector<std::str
     std::string line;
     for (size_t c = 0; c < shown; ++c) {
       if (c) line += std::string(kGap, ' ');
-      std::string text = cutToWidth(displayText(c < cells.size() ? cells[c] : ""),
-                                    layout.widths[c]);
+      std::string text =
+          cutToWidth(displayText(c < cells.size() ? cells[c] : ""), layout.widths[c]);
       bool right = !header && c < grid.rightAligned.size() && grid.rightAligned[c];
       line += right ? padLeft(text, layout.widths[c]) : padRight(text, layout.widths[c]);
     }
@@ -254,13 +257,27 @@ std::string jsonString(std::string_view text) {
   for (size_t pos = 0; pos < text.size();) {
     char32_t cp = decodeUtf8(text, pos);
     switch (cp) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
       default:
         if (cp < 0x20) {
           static const char kHex[] = "0123456789abcdef";

@@ -3,12 +3,11 @@
 #include <strings.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <zyldb/fieldmap/FieldMap.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
-
-#include <zyldb/fieldmap/FieldMap.h>
 
 #include "Common.h"
 
@@ -101,9 +100,8 @@ int runShow(const ParsedArgs& args) {
     if (!dropped.empty()) {
       std::string names;
       for (const std::string& n : dropped) names += (names.empty() ? "" : ", ") + n;
-      std::cerr << "zyldb show: " << plural(static_cast<long>(dropped.size()), "column", "columns")
-                << " did not fit in " << width << " characters: " << names
-                << " (choose columns with --columns, or use --width)\n";
+      std::cerr << "zyldb show: no room in " << width << " columns for " << names
+                << " (see --columns, --width)\n";
     }
   } else if (format == "csv") {
     std::cout << renderCsv(gridOf(*view.rep(), columns), nullptr);
@@ -165,8 +163,8 @@ int runInfo(const ParsedArgs& args) {
   for (unsigned int c = 0; c < table.get_num_fields(); ++c) {
     const char* name = table.get_fieldname(c);
     int width = std::max(table.get_fieldsize(c), zyldb::getMinFieldSize(name));
-    grid.rows.push_back({std::to_string(c + 1), name, typeKeyword(table.get_field_type(c)),
-                         std::to_string(width)});
+    grid.rows.push_back(
+        {std::to_string(c + 1), name, typeKeyword(table.get_field_type(c)), std::to_string(width)});
   }
   std::string rendered = renderTable(grid, 0, nullptr);
   for (size_t start = 0; start < rendered.size();) {
@@ -182,22 +180,27 @@ int runInfo(const ParsedArgs& args) {
 Command showCommand() {
   return {{"show",
            "LOG [options]",
+           "print the records as a table, CSV, JSON or log text",
            "Prints the log's records as a table fitted to the terminal, or as CSV, JSON or log "
            "text.",
-           {{"columns", 0, "COLS", "the columns to show, comma-separated (default: the log's "
-                                   "arrangement in V5_FIELD_MAP, else all)"},
+           {{"columns", 0, "COLS",
+             "the columns to show, comma-separated (default: the log's "
+             "arrangement in V5_FIELD_MAP, else all)"},
             {"sort", 0, "COLS", "sort on these columns, comma-separated, in this order"},
             {"desc", 0, "", "sort descending"},
-            {"where", 0, "COL=TEXT", "only rows whose COL contains TEXT (ignoring case); "
-                                     "repeatable", true},
+            {"where", 0, "COL=TEXT",
+             "only rows whose COL contains TEXT (ignoring case); "
+             "repeatable",
+             true},
             {"tagged", 0, "", "only rows whose \"Tag\" column is non-zero"},
             {"limit", 0, "N", "at most N rows"},
             {"format", 0, "FORMAT", "table (default), csv, json or log"},
-            {"width", 0, "N", "fit the table in N characters (0: no limit); default: the "
-                              "terminal's width, or 80"}},
+            {"width", 0, "N",
+             "fit the table in N characters (0: no limit); default: the "
+             "terminal's width, or 80"}},
            "On start/end label columns (\"Start time\"/\"End time\", \"start keycode\"/\"end "
            "keycode\", ...) --where finds the rows whose range holds the label:\n"
-           "  zyldb show clips.log --where \"start keycode=KU 12 3456 7900\"\n"
+           "  zyldb show clips.log --where \"start keycode=KU 12 3456 7900\"\n\n"
            "Exit status: 0 when rows were shown, 1 when --where or --tagged matched nothing, "
            "2 on a usage error.\n"},
           runShow};
@@ -206,6 +209,7 @@ Command showCommand() {
 Command infoCommand() {
   return {{"info",
            "LOG",
+           "print the parameters, columns and counts",
            "Prints the log's parameters, its columns (name, type, width) and its record and tag "
            "counts.",
            {},

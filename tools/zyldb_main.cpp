@@ -3,11 +3,11 @@
 // 1 when a check or a search finds problems or nothing (or a file cannot be
 // used), 2 on a usage error.
 
+#include <zyldb/zyldbDllVersion.h>
+
 #include <iostream>
 #include <string>
 #include <vector>
-
-#include <zyldb/zyldbDllVersion.h>
 
 #include "Common.h"
 
@@ -17,9 +17,9 @@ using zyl::cli::Command;
 
 const std::vector<Command>& commands() {
   static const std::vector<Command> kCommands = {
-      zyl::cli::showCommand(),   zyl::cli::infoCommand(),   zyl::cli::checkCommand(),
-      zyl::cli::sortCommand(),   zyl::cli::findCommand(),   zyl::cli::dedupeCommand(),
-      zyl::cli::mergeCommand(),  zyl::cli::convertCommand(), zyl::cli::demoCommand()};
+      zyl::cli::showCommand(),  zyl::cli::infoCommand(),    zyl::cli::checkCommand(),
+      zyl::cli::sortCommand(),  zyl::cli::findCommand(),    zyl::cli::dedupeCommand(),
+      zyl::cli::mergeCommand(), zyl::cli::convertCommand(), zyl::cli::demoCommand()};
   return kCommands;
 }
 
@@ -29,22 +29,22 @@ std::string mainHelp() {
       "       zyldb --version\n\n"
       "Reads, checks and edits clip logs.\n\nCommands:\n";
   for (const Command& c : commands())
-    out += "  " + c.spec.name + std::string(10 - c.spec.name.size(), ' ') + c.spec.summary + "\n";
+    out += "  " + c.def.name + std::string(10 - c.def.name.size(), ' ') + c.def.brief + "\n";
   out += "\nRun 'zyldb COMMAND --help' for a command's options.\n";
   return out;
 }
 
 int run(const Command& command, const std::vector<std::string>& args) {
-  const std::string prefix = "zyldb " + command.spec.name + ": ";
+  const std::string prefix = "zyldb " + command.def.name + ": ";
   try {
-    zyl::cli::ParsedArgs parsed = zyl::cli::parseArgs(command.spec, args);
+    zyl::cli::ParsedArgs parsed = zyl::cli::parseArgs(command.def, args);
     if (parsed.helpRequested) {
-      std::cout << zyl::cli::helpText(command.spec);
+      std::cout << zyl::cli::helpText(command.def);
       return 0;
     }
     return command.run(parsed);
   } catch (const zyl::cli::UsageError& e) {
-    std::cerr << prefix << e.what() << "\nTry 'zyldb " << command.spec.name << " --help'.\n";
+    std::cerr << prefix << e.what() << "\nTry 'zyldb " << command.def.name << " --help'.\n";
     return 2;
   } catch (const zyl::cli::Failure& e) {
     if (*e.what() != '\0') std::cerr << prefix << e.what() << "\n";
@@ -73,14 +73,16 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (first == "--help" || first == "-h" || first == "help") {
-    if (first == "help" && args.size() > 1) args = {args[1], "--help"};
+    if (first == "help" && args.size() > 1)
+      args = {args[1], "--help"};
     else {
       std::cout << mainHelp();
       return 0;
     }
   }
   for (const Command& c : commands())
-    if (c.spec.name == args[0]) return run(c, std::vector<std::string>(args.begin() + 1, args.end()));
+    if (c.def.name == args[0])
+      return run(c, std::vector<std::string>(args.begin() + 1, args.end()));
   std::cerr << "zyldb: unknown command '" << args[0] << "'\nTry 'zyldb --help'.\n";
   return 2;
 }

@@ -47,8 +47,9 @@ struct ConfigMapping {
   const char* key;
 };
 
-// The first kAlwaysMapped entries are published whatever the settings; the
-// reel columns after them only when reel fields are editable.
+// The first kAlwaysMapped entries (the plain reel among them) are published
+// whatever the settings; the other reel columns only when reel fields are
+// editable.
 constexpr ConfigMapping kConfigMappings[] = {
     {"notes", "notes"},         {"who", "who"},           {"scene", "scene"},
     {"description", "description"}, {"shot", "shot"},     {"reel", "reelid"},

@@ -10,8 +10,11 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <typeinfo>
+#include <vector>
 
 #include <strings.h>
 
@@ -50,53 +53,159 @@ const char* from(const char* s, size_t at) {
   return at < n ? s + at : s + n;
 }
 
+// One field of the ascending comparison, on texts whose leading blanks are
+// skipped. Sets `stop` when both cells are empty: that ends the comparison
+// with "equal", and later sort fields are not consulted.
+int compareCells(int field, const char* ta, const char* tb, bool& stop) {
+  if (*ta == 0 || *tb == 0) {
+    stop = true;
+    if (*ta == 0 && *tb == 0) return 0;
+    return *ta == 0 ? 1 : -1;
+  }
+  if (field == cmp_tc_field) {
+    // The ninth character separates the frames; ':' and ';' (non-drop and
+    // drop frame) must compare equal, so it is skipped.
+    const int result = strncasecmp(ta, tb, 8);
+    return result != 0 ? result : strcasecmp(from(ta, 9), from(tb, 9));
+  }
+  if (cmp_offset > 0)
+    return strcasecmp(from(ta, static_cast<size_t>(cmp_offset)),
+                      from(tb, static_cast<size_t>(cmp_offset)));
+  if (cmp_plain != 0) return strcasecmp(ta, tb);
+  if (cmp_offset < 0) {
+    const size_t tail = static_cast<size_t>(-static_cast<long>(cmp_offset));
+    const size_t la = std::strlen(ta);
+    const size_t lb = std::strlen(tb);
+    return strcasecmp(ta + (la > tail ? la - tail : 0), tb + (lb > tail ? lb - tail : 0));
+  }
+  return strxcmp(ta, tb);
+}
+
+// The ascending comparison from sort field `f` on (the blank-record rule
+// already applied).
+int compareAscendingFrom(const int* f, const dbrecord* a, const dbrecord* b) {
+  for (; *f >= 0; ++f) {
+    bool stop = false;
+    const int result =
+        compareCells(*f, skipBlanks(cellText(a, *f)), skipBlanks(cellText(b, *f)), stop);
+    if (stop || result != 0) return result;
+  }
+  return 0;
+}
+
 int compareAscending(const dbrecord* a, const dbrecord* b) {
   ++comco;
   const bool blankA = a == nullptr || a->is_blank() != 0;
   const bool blankB = b == nullptr || b->is_blank() != 0;
   if (blankA || blankB) return blankA == blankB ? 0 : (blankA ? 1 : -1);
-  if (cmp_fields == nullptr) return 0;
-  for (const int* f = cmp_fields; *f >= 0; ++f) {
-    const char* ta = skipBlanks(cellText(a, *f));
-    const char* tb = skipBlanks(cellText(b, *f));
-    if (*ta == 0 || *tb == 0) {
-      // Two empty cells end the comparison: later sort fields are not
-      // consulted.
-      if (*ta == 0 && *tb == 0) return 0;
-      return *ta == 0 ? 1 : -1;
-    }
-    int result;
-    if (*f == cmp_tc_field) {
-      // The ninth character separates the frames; ':' and ';' (non-drop and
-      // drop frame) must compare equal, so it is skipped.
-      result = strncasecmp(ta, tb, 8);
-      if (result == 0) result = strcasecmp(from(ta, 9), from(tb, 9));
-    } else if (cmp_offset > 0) {
-      result = strcasecmp(from(ta, static_cast<size_t>(cmp_offset)),
-                          from(tb, static_cast<size_t>(cmp_offset)));
-    } else if (cmp_plain != 0) {
-      result = strcasecmp(ta, tb);
-    } else if (cmp_offset < 0) {
-      const size_t tail = static_cast<size_t>(-static_cast<long>(cmp_offset));
-      const size_t la = std::strlen(ta);
-      const size_t lb = std::strlen(tb);
-      result = strcasecmp(ta + (la > tail ? la - tail : 0), tb + (lb > tail ? lb - tail : 0));
-    } else {
-      result = strxcmp(ta, tb);
-    }
-    if (result != 0) return result;
+  return cmp_fields == nullptr ? 0 : compareAscendingFrom(cmp_fields, a, b);
+}
+
+int compareDescendingFrom(const int* f, const dbrecord* a, const dbrecord* b) {
+  for (; *f >= 0; ++f) {
+    const int result = strcasecmp(cellText(a, *f), cellText(b, *f));
+    if (result != 0) return result < 0 ? 1 : -1;
   }
   return 0;
 }
 
 int compareDescending(const dbrecord* a, const dbrecord* b) {
   ++comco;
-  if (cmp_fields == nullptr) return 0;
-  for (const int* f = cmp_fields; *f >= 0; ++f) {
-    const int result = strcasecmp(cellText(a, *f), cellText(b, *f));
-    if (result != 0) return result < 0 ? 1 : -1;
+  return cmp_fields == nullptr ? 0 : compareDescendingFrom(cmp_fields, a, b);
+}
+
+// What a table sort moves: the record and, worked out once per row, the text
+// of its first sort field (blanks skipped for the ascending order; null for a
+// blank record in the ascending order) and the first eight bytes of an
+// encoding of that text whose plain byte order is the comparison's order:
+//  * caseless (strcasecmp): the ASCII-lower-cased bytes;
+//  * strxcmp: the same, except that a run of digits becomes '0', the number
+//    of its digits after leading zeros, and those digits. No other byte of
+//    the encoding is a '0', so runs line up and compare by value, and a run
+//    compares with other characters as a digit does.
+// Zeros pad the encoding after the text's end. Bytes from `clean` on are not
+// to be trusted (a byte >= 0x80 in the caseless order, whose case folding
+// belongs to the C library; a digit run too long to count in one byte).
+// Where two prefixes differ at a trusted byte, that byte decides, so most
+// comparisons never read the texts; the tie-breaks of both orders (case,
+// leading zeros) only matter between prefixes that are equal.
+struct SortEntry {
+  const char* key;
+  dbrecord* rec;
+  uint64_t prefix;
+  uint32_t clean;
+  bool emptyKey;  // saves reading the text to apply the empty-cell rule
+};
+
+enum class KeyOrder { kCaseless, kStrx };
+
+inline bool isDigitByte(unsigned char c) { return c >= '0' && c <= '9'; }
+
+SortEntry makeEntry(const char* key, dbrecord* rec, KeyOrder order) {
+  SortEntry e{key, rec, 0, 8, key == nullptr || *key == 0};
+  if (key == nullptr) return e;
+  unsigned char out[8] = {};
+  unsigned int n = 0;
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(key);
+  while (n < 8 && *p != 0) {
+    const unsigned char c = *p;
+    if (order == KeyOrder::kStrx && isDigitByte(c)) {
+      while (*p == '0') ++p;
+      const unsigned char* digits = p;
+      while (isDigitByte(*p)) ++p;
+      const size_t len = static_cast<size_t>(p - digits);
+      out[n++] = '0';
+      if (n == 8) break;
+      if (len > 254) {
+        e.clean = n;
+        break;
+      }
+      out[n++] = static_cast<unsigned char>(len);
+      for (size_t i = 0; i < len && n < 8; ++i) out[n++] = digits[i];
+      continue;
+    }
+    if (order == KeyOrder::kCaseless && c >= 0x80) {
+      e.clean = n;
+      break;
+    }
+    out[n++] = static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
+    ++p;
   }
-  return 0;
+  for (unsigned int i = 0; i < 8; ++i) e.prefix = (e.prefix << 8) | out[i];
+  return e;
+}
+
+// -1 or 1 when the prefixes decide the order, 0 when the texts must be read.
+int comparePrefixes(const SortEntry& x, const SortEntry& y) {
+  if (x.prefix == y.prefix) return 0;
+  const unsigned int at = static_cast<unsigned int>(__builtin_clzll(x.prefix ^ y.prefix)) / 8;
+  if (at >= x.clean || at >= y.clean) return 0;
+  return x.prefix < y.prefix ? -1 : 1;
+}
+
+int compareEntriesAscending(const SortEntry& x, const SortEntry& y) {
+  ++comco;
+  if (x.key == nullptr || y.key == nullptr)
+    return (x.key == nullptr) == (y.key == nullptr) ? 0 : (x.key == nullptr ? 1 : -1);
+  if (cmp_fields == nullptr || cmp_fields[0] < 0) return 0;
+  if (x.emptyKey || y.emptyKey) return x.emptyKey == y.emptyKey ? 0 : (x.emptyKey ? 1 : -1);
+  if (cmp_offset == 0 && cmp_fields[0] != cmp_tc_field) {
+    const int byPrefix = comparePrefixes(x, y);
+    if (byPrefix != 0) return byPrefix;
+  }
+  bool stop = false;
+  const int result = compareCells(cmp_fields[0], x.key, y.key, stop);
+  if (stop || result != 0) return result;
+  return compareAscendingFrom(cmp_fields + 1, x.rec, y.rec);
+}
+
+int compareEntriesDescending(const SortEntry& x, const SortEntry& y) {
+  ++comco;
+  if (cmp_fields == nullptr || cmp_fields[0] < 0) return 0;
+  int result = comparePrefixes(x, y);
+  if (result == 0) result = strcasecmp(x.key, y.key);
+  if (result != 0) return result < 0 ? 1 : -1;
+  return compareDescendingFrom(cmp_fields + 1, x.rec, y.rec);
 }
 
 struct LabelPair {
@@ -177,6 +286,26 @@ int zyldb::get_num_tags() {
 // that listeners get one message per run. Other non-zero tags survive.
 int zyldb::delete_tagged_records() {
   if (showTagsOnly != 0) return -1;
+  // With no listener and none of the steps overridden, nothing can see the
+  // states between the runs, so the rows are compacted in one pass instead
+  // of moving the rest of the table once per run.
+  if (numListeners() == 0 && typeid(*this) == typeid(zyldb)) {
+    unsigned int kept = 0;
+    for (unsigned int i = 0; i < numRecords; ++i) {
+      dbrecord* rec = rows[i];
+      if (rec != nullptr && rec->getTag() == 1)
+        delete rec;
+      else
+        rows[kept++] = rec;
+    }
+    const unsigned int deleted = numRecords - kept;
+    if (deleted > 0) {
+      numRecords = kept;
+      clearIdCache();
+      changed = 1;
+    }
+    return static_cast<int>(deleted);
+  }
   int total = 0;
   bool open = false;
   unsigned int start = 0;
@@ -251,22 +380,32 @@ void zyldb::sortPrepare(int /*direction*/, int flag) {
   if (timecodeField >= 0) cmp_tc_field = timecodeField;
 }
 
-// A stable merge sort over the pointer array: records never move, and rows
-// that compare equal keep their order.
+// A stable merge sort of the row pointers: records never move, and rows that
+// compare equal keep their order. The entries are built before the rows are
+// touched, so running out of memory leaves the order as it was.
 void zyldb::sort(int direction, int flag) {
   sortPrepare(direction, flag);
-  if (numRecords < 2) {
-    if (showTagsOnly != 0) index_tags();
-    return;
-  }
-  if (direction < 0) {
-    std::stable_sort(rows, rows + numRecords, [](const dbrecord* a, const dbrecord* b) {
-      return compareDescending(a, b) < 0;
-    });
-  } else {
-    std::stable_sort(rows, rows + numRecords, [](const dbrecord* a, const dbrecord* b) {
-      return compareAscending(a, b) < 0;
-    });
+  if (numRecords >= 2) {
+    const int first = cmp_fields != nullptr ? cmp_fields[0] : -1;
+    std::vector<SortEntry> entries(numRecords);
+    const KeyOrder order =
+        direction < 0 || cmp_plain != 0 ? KeyOrder::kCaseless : KeyOrder::kStrx;
+    for (unsigned int i = 0; i < numRecords; ++i) {
+      dbrecord* rec = rows[i];
+      const char* key = cellText(rec, first);
+      if (direction >= 0) key = rec == nullptr || rec->is_blank() != 0 ? nullptr : skipBlanks(key);
+      entries[i] = makeEntry(key, rec, order);
+    }
+    if (direction < 0) {
+      std::stable_sort(entries.begin(), entries.end(), [](const SortEntry& x, const SortEntry& y) {
+        return compareEntriesDescending(x, y) < 0;
+      });
+    } else {
+      std::stable_sort(entries.begin(), entries.end(), [](const SortEntry& x, const SortEntry& y) {
+        return compareEntriesAscending(x, y) < 0;
+      });
+    }
+    for (unsigned int i = 0; i < numRecords; ++i) rows[i] = entries[i].rec;
   }
   if (showTagsOnly != 0) index_tags();
 }

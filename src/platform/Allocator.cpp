@@ -54,10 +54,9 @@ constinit std::atomic<uint64_t> gFailCountdown{0};
 constinit std::mutex gThreadsMutex;
 constinit ThreadCounters* gThreads = nullptr;
 
-enum ThreadState : unsigned char { kUnregistered = 0, kRegistered = 1, kExited = 2 };
+enum ThreadState : unsigned char { kUnregistered = 0, kRegistering, kRegistered, kExited };
 constinit thread_local ThreadCounters tCounters ZYL_TLS_FAST;
 constinit thread_local unsigned char tState ZYL_TLS_FAST = kUnregistered;
-constinit thread_local bool tRegistering ZYL_TLS_FAST = false;
 
 struct ThreadGuard {
   ~ThreadGuard() {
@@ -74,21 +73,18 @@ struct ThreadGuard {
 };
 
 // Links this thread's block into the list. Constructing the guard may itself
-// allocate (the C++ runtime's list of thread_local destructors); tRegistering
-// keeps that from recursing here.
-__attribute__((noinline)) void registerThread() {
-  tRegistering = true;
+// allocate (the C++ runtime's list of thread_local destructors); the
+// kRegistering state sends those counts to the globals instead of recursing.
+void registerThread() {
+  tState = kRegistering;
   static thread_local ThreadGuard guard;
   (void)&guard;
-  {
-    std::lock_guard<std::mutex> lock(gThreadsMutex);
-    tCounters.prev = nullptr;
-    tCounters.next = gThreads;
-    if (gThreads) gThreads->prev = &tCounters;
-    gThreads = &tCounters;
-    tState = kRegistered;
-  }
-  tRegistering = false;
+  std::lock_guard<std::mutex> lock(gThreadsMutex);
+  tCounters.prev = nullptr;
+  tCounters.next = gThreads;
+  if (gThreads) gThreads->prev = &tCounters;
+  gThreads = &tCounters;
+  tState = kRegistered;
 }
 
 // Adds to a counter that only this thread writes.
@@ -97,18 +93,29 @@ inline void bump(std::atomic<T>& c, T delta) {
   c.store(c.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
 }
 
-inline void count(int64_t blocks, int64_t bytes, uint64_t allocations) {
-  if (tState == kUnregistered && !tRegistering) [[unlikely]]
+inline void countHere(int64_t blocks, int64_t bytes, uint64_t allocations) {
+  bump(tCounters.blocks, blocks);
+  bump(tCounters.bytes, bytes);
+  if (allocations) bump(tCounters.allocations, allocations);
+}
+
+__attribute__((noinline)) void countSlow(int64_t blocks, int64_t bytes, uint64_t allocations) {
+  if (tState == kUnregistered) {
     registerThread();
-  if (tState == kRegistered) [[likely]] {
-    if (blocks) bump(tCounters.blocks, blocks);
-    bump(tCounters.bytes, bytes);
-    if (allocations) bump(tCounters.allocations, allocations);
+    countHere(blocks, bytes, allocations);
     return;
   }
   gBlocks.fetch_add(blocks, std::memory_order_relaxed);
   gBytes.fetch_add(bytes, std::memory_order_relaxed);
   gAllocations.fetch_add(allocations, std::memory_order_relaxed);
+}
+
+inline void count(int64_t blocks, int64_t bytes, uint64_t allocations) {
+  if (tState == kRegistered) [[likely]] {
+    countHere(blocks, bytes, allocations);
+    return;
+  }
+  countSlow(blocks, bytes, allocations);
 }
 
 [[noreturn]] __attribute__((noinline, cold)) void throwBadAlloc() {

@@ -31,18 +31,33 @@ inline bool isBlank(unsigned char c) { return c == ' ' || (c >= '\t' && c <= '\r
 
 }  // namespace
 
-// Walks both texts once. A digit run on both sides is compared by value:
+// Walks both texts once. Runs of identical bytes are skipped in a tight
+// loop (the common case in a sort, where neighbours share prefixes); where
+// the texts differ, a digit run on both sides is compared by value from its
+// start (the skip backs up over identical digits before the difference):
 // leading zeros skipped, then the longer run is the larger, then digit by
-// digit. The first difference in leading zeros is remembered as a tie-break
-// (shorter run first), and a final byte comparison separates texts that
-// differ only in case.
+// digit. The first difference in leading zeros (shorter run first) and the
+// first case-only difference are remembered as tie-breaks, in that order.
 int strxcmp(const char* a, const char* b) {
   if (!a) a = "";
   if (!b) b = "";
-  const unsigned char* p = reinterpret_cast<const unsigned char*>(a);
+  const unsigned char* const a0 = reinterpret_cast<const unsigned char*>(a);
+  const unsigned char* p = a0;
   const unsigned char* q = reinterpret_cast<const unsigned char*>(b);
-  int tie = 0;
+  int zeroTie = 0, caseTie = 0;
   for (;;) {
+    while (*p == *q) {
+      if (*p == 0) return zeroTie != 0 ? zeroTie : caseTie;
+      ++p;
+      ++q;
+    }
+    if (isDigit(*p) || isDigit(*q)) {
+      // The skipped bytes were identical, so backing up keeps p and q in step.
+      while (p > a0 && isDigit(p[-1])) {
+        --p;
+        --q;
+      }
+    }
     unsigned char c = *p, d = *q;
     if (isDigit(c) && isDigit(d)) {
       const unsigned char* p0 = p;
@@ -57,23 +72,18 @@ int strxcmp(const char* a, const char* b) {
       if (lp != lq) return lp < lq ? -1 : 1;
       for (ptrdiff_t i = 0; i < lp; ++i)
         if (ps[i] != qs[i]) return ps[i] < qs[i] ? -1 : 1;
-      if (tie == 0) {
+      if (zeroTie == 0) {
         ptrdiff_t rp = p - p0, rq = q - q0;
-        if (rp != rq) tie = rp < rq ? -1 : 1;
+        if (rp != rq) zeroTie = rp < rq ? -1 : 1;
       }
       continue;
     }
     unsigned char lc = kLower.map[c], ld = kLower.map[d];
     if (lc != ld) return lc < ld ? -1 : 1;
-    if (c == 0) break;
+    if (caseTie == 0) caseTie = c < d ? -1 : 1;  // c != d here
     ++p;
     ++q;
   }
-  if (tie != 0) return tie;
-  for (p = reinterpret_cast<const unsigned char*>(a), q = reinterpret_cast<const unsigned char*>(b);
-       *p == *q; ++p, ++q)
-    if (*p == 0) return 0;
-  return *p < *q ? -1 : 1;
 }
 
 bool isEssentiallyEmpty(const char* s) {

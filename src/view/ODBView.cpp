@@ -12,6 +12,7 @@
 #include <string>
 
 #include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/Logging.h>
 #include <zyldb/platform/SystemWatchdog.h>
 #include <zyldb/sexpr/SExpr.h>
 

@@ -536,8 +536,9 @@ int ODBViewRep::deleteTagged() {
     }
   }
   if (start >= 0) {
-    deleteRecords(start, count_ - start);
-    total += count_ - start;
+    const int n = count_ - start;
+    deleteRecords(start, n);
+    total += n;
   }
   return total;
 }
@@ -595,8 +596,9 @@ int ODBViewRep::removeSome(bool (ODBViewRep::*pred)(int)) {
     }
   }
   if (start >= 0) {
-    removeRecordsFromBaseView(start, count_ - start);
-    total += count_ - start;
+    const int n = count_ - start;
+    removeRecordsFromBaseView(start, n);
+    total += n;
   }
   return total;
 }

@@ -63,14 +63,15 @@ void ODBViewRep::addParamsFrom(zyldb* db) {
     storeParam(db->getParamName(i), db->getParamValue(i));
 }
 
+// Only a value with no characters at all is filled in; an absent revision
+// stays absent (and no entry is made for it, so a view over a table without
+// parameters saves none).
 void ODBViewRep::internRevision() {
-  AssocList::Entry& e = params_[LightweightString<char>(kRevisionKey)];
-  // Only a value with no characters at all is filled in; an absent
-  // revision stays absent.
-  if (e.hasValue && e.value.isNull()) {
+  AssocList::Entry* e = const_cast<AssocList::Entry*>(params_.find(LightweightString<char>(kRevisionKey)));
+  if (e && e->hasValue && e->value.isNull()) {
     char text[16];
     std::snprintf(text, sizeof text, "Rev %d", 1);
-    e.set(LightweightString<char>(text));
+    e->set(LightweightString<char>(text));
   }
 }
 

@@ -73,6 +73,7 @@ int ODBViewRep::displayTaggedRecordsAt(int at) {
   const int n = std::max(src->get_num_tags(), 0);
   if (n > INT_MAX - count_) return 0;
   sizeIndexFor(count_ + n);
+  if (n == 0) return 0;
   at = clampPosition(at, count_);
   std::memmove(index_ + at + n, index_ + at, static_cast<size_t>(count_ - at) * sizeof(*index_));
   // The source's tag count decides how many positions open; never write

@@ -29,33 +29,21 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::StrEq;
-
 using Rows = std::vector<std::vector<std::string>>;
 
 Rows rowsOf(const zyldb& t) {
-  Rows out;
-  for (unsigned int r = 0; r < t.get_num_records(); ++r) {
-    std::vector<std::string> row;
+  Rows out(t.get_num_records());
+  for (unsigned int r = 0; r < out.size(); ++r)
     for (unsigned int c = 0; c < t.get_num_fields(); ++c)
-      row.emplace_back(t.getField(r, c).view());
-    out.push_back(row);
-  }
-  return out;
-}
-
-std::vector<std::string> namesOf(const zyldb& t) {
-  std::vector<std::string> out;
-  for (unsigned int c = 0; c < t.get_num_fields(); ++c) out.emplace_back(t.get_fieldname(c));
+      out[r].emplace_back(t.getField(r, c).view());
   return out;
 }
 
 std::string typesOf(const zyldb& t) {
   std::string out;
-  for (unsigned int c = 0; c < t.get_num_fields(); ++c)
-    out += static_cast<char>(t.get_field_type(c));
+  for (unsigned int c = 0; c < t.get_num_fields(); ++c) out += char(t.get_field_type(c));
   return out;
 }
 
@@ -65,21 +53,31 @@ std::vector<std::string> linesOf(const TextFile& f) {
   return out;
 }
 
-std::vector<DBFieldDesc> columns(std::vector<std::pair<const char*, DBFieldTypes::eType>> cols) {
+std::vector<DBFieldDesc> columns(std::vector<std::pair<const char*, int>> cols) {
   std::vector<DBFieldDesc> d;
-  for (auto& [name, type] : cols) d.push_back({LightweightString<char>(name), type});
+  for (auto& [name, type] : cols)
+    d.push_back({LightweightString<char>(name), static_cast<DBFieldTypes::eType>(type)});
   return d;
 }
 
+std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+const std::string kClips = slurp(std::string(ZYLDB_SOURCE_DIR) + "/examples/clips.log");
 const std::string kHeader = "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\",\"4\"\n"
                             "\"text\",\"text\",\"text\"\n\"A\",\"B\",\"C\"\n";
+const std::string kOneColumn = "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\"\n\"text\"\n\"A\"\n";
 
 class ZyldbFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
     dir_ = fs::temp_directory_path() /
-           ("zyldb_file_test_" + std::to_string(getpid()) + "_" + info->name());
+           ("zyldb_file_test_" + std::to_string(getpid()) + "_" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(dir_);
     fs::create_directories(dir_);
     previousSink_ = zyl::setLogSink([this](zyl::LogLevel level, const char* message) {
@@ -91,28 +89,15 @@ class ZyldbFileTest : public ::testing::Test {
     fs::remove_all(dir_);
   }
 
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
   LightweightString<wchar_t> wpath(const std::string& name) const {
-    return fromUTF8(LightweightString<char>(path(name)));
+    return fromUTF8(LightweightString<char>((dir_ / name).string()));
   }
   void writeFile(const std::string& name, const std::string& text) const {
-    std::ofstream(path(name), std::ios::binary) << text;
+    std::ofstream(dir_ / name, std::ios::binary) << text;
   }
-  std::string readFile(const std::string& name) const {
-    std::ifstream in(path(name), std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
-  std::unique_ptr<zyldb> load(const std::string& name, int maxRecords = INT_MAX,
-                              bool strict = false) const {
-    return std::make_unique<zyldb>(wpath(name), maxRecords, strict);
-  }
-  static std::string realistic() {
-    std::ifstream in(std::string(ZYLDB_SOURCE_DIR) + "/examples/clips.log", std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+  std::string readFile(const std::string& name) const { return slurp((dir_ / name).string()); }
+  std::unique_ptr<zyldb> load(const std::string& name, int max = INT_MAX, bool strict = false) {
+    return std::make_unique<zyldb>(wpath(name), max, strict);
   }
 
   fs::path dir_;
@@ -120,42 +105,26 @@ class ZyldbFileTest : public ::testing::Test {
   zyl::LogSink previousSink_;
 };
 
-TEST(FieldTypes, ParsesKeywordsAndSingleCharacters) {
+TEST(FieldTypes, ParserWidthsAndStringHelpers) {
   struct Case {
     const char* text;
     int type;
-  } cases[] = {
-      {"TIMECODE", 't'}, {"Timecode_S", 'T'}, {"text", 'a'},      {"TEXT_S", 'A'},
-      {"time_of_day", 'D'}, {"Date", 'd'},    {"DOS_DATE", 'M'},  {"char", 'c'},
-      {"numeric", 'n'},  {"long", 'l'},       {"double", 'f'},    {"A", 'A'},
-      {"a", 'a'},        {"c", 'c'},          {"x", 'x'},         {"", 0},
-      {"texts", 0},      {" text", 0},        {"tex", 0},         {"ab", 0},
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(zyldb_string_to_fieldtype(c.text), c.type) << '"' << c.text << '"';
-}
+  } cases[] = {{"TIMECODE", 't'}, {"Timecode_S", 'T'}, {"text", 'a'}, {"TEXT_S", 'A'},
+               {"time_of_day", 'D'}, {"Date", 'd'}, {"DOS_DATE", 'M'}, {"char", 'c'},
+               {"numeric", 'n'}, {"long", 'l'}, {"double", 'f'}, {"A", 'A'}, {"a", 'a'},
+               {"x", 'x'}, {"", 0}, {"texts", 0}, {" text", 0}, {"ab", 0}};
+  for (const Case& c : cases) EXPECT_EQ(zyldb_string_to_fieldtype(c.text), c.type) << c.text;
 
-TEST(FieldTypes, StringHelpers) {
+  for (auto [name, width] : {std::pair<const char*, int>{"notes", 100}, {"TAG", 1}, {"Clip", 4},
+                             {"Reel Type", 30}, {"start 24P code", 12}, {nullptr, 4}})
+    EXPECT_EQ(zyldb::getMinFieldSize(name), width) << (name ? name : "null");
+
   EXPECT_THAT(strip_char_from_string('&', "&Reel &Name").c_str(), StrEq("Reel Name"));
   EXPECT_TRUE(strip_char_from_string('&', "").isNull());
-  EXPECT_TRUE(strip_char_from_string('&', "&&").empty());
-
   EXPECT_EQ(heap_strdup(nullptr), nullptr);
-  char* copy = heap_strdup("abc");
-  EXPECT_THAT(copy, StrEq("abc"));
-  delete[] copy;
   OS()->allocator().failNthAllocation(1);
   EXPECT_EQ(heap_strdup("abc"), nullptr);
   OS()->allocator().failNthAllocation(0);
-}
-
-TEST(FieldTypes, MinimumWidths) {
-  struct Case {
-    const char* name;
-    int width;
-  } cases[] = {{"notes", 100}, {"TAG", 1},  {"Clip", 4},           {"Reel Type", 30},
-               {"reel", 10},   {"Name", 32}, {"start 24P code", 12}, {nullptr, 4}};
-  for (const Case& c : cases) EXPECT_EQ(zyldb::getMinFieldSize(c.name), c.width);
 }
 
 TEST(Params, AddFollowsTheListRules) {
@@ -165,27 +134,19 @@ TEST(Params, AddFollowsTheListRules) {
   TextFile f;
   t.save_params(f);
   EXPECT_THAT(linesOf(f), ElementsAre("\"ZYLDB:Rev 1\"", "\"Owner:x\""));
-
   EXPECT_EQ(t.add_param("owner", "y"), 0);
-  EXPECT_EQ(t.find_param("OWNER"), 1);
-  EXPECT_THAT(t.getParamName(1), StrEq("Owner"));
+  EXPECT_THAT(t.getParamName(t.find_param("OWNER")), StrEq("Owner"));
   EXPECT_THAT(t.get_param_val("owner"), StrEq("y"));
-
   t.clear_changed();
   EXPECT_EQ(t.set_param_val("Owner", "y"), 0);
   EXPECT_EQ(t.get_changed(), 0);
-
   EXPECT_EQ(t.add_param("ZYLDB", "Rev 2"), 0);  // found, so replaced
   EXPECT_THAT(t.get_param_val("zyldb"), StrEq("Rev 2"));
   EXPECT_EQ(t.get_changed(), 1);
-
   EXPECT_EQ(t.add_param(nullptr, "v"), -1);
   EXPECT_EQ(t.add_param("", "v"), -1);
   EXPECT_EQ(t.add_param("k", nullptr), -1);
-  EXPECT_EQ(t.get_param_val("missing"), nullptr);
-
   for (int i = 2; i < 40; ++i) EXPECT_EQ(t.add_param(("p" + std::to_string(i)).c_str(), "v"), 0);
-  EXPECT_EQ(t.getNumParams(), 40u);
   EXPECT_EQ(t.add_param("one too many", "v"), -1);
   EXPECT_EQ(t.add_param("p39", "new"), 0);
 
@@ -193,17 +154,17 @@ TEST(Params, AddFollowsTheListRules) {
   EXPECT_EQ(fresh.add_param("ZYLDB", "Rev 2"), -1);
   ASSERT_EQ(fresh.getNumParams(), 1u);
   EXPECT_THAT(fresh.get_param_val("ZYLDB"), StrEq("Rev 1"));
-  EXPECT_EQ(fresh.add_param("zyldb", "Rev 3"), 0);  // found, ignoring case
-  EXPECT_THAT(fresh.get_param_val("ZYLDB"), StrEq("Rev 3"));
 }
 
-TEST_F(ZyldbFileTest, ReadParamsSplitsNamesAndWarnsOnRevision) {
-  TextFile f;
-  for (const char* l : {"\"zyldb: Rev 3\"", "\":x\"", "\"a:b:c\"", "\" sp :  v\"",
-                        "\"ZYLDB\"", "\"after\""})
-    f.appendLine(std::string_view(l));
+TEST_F(ZyldbFileTest, ReadParams) {
+  auto file = [](std::vector<std::string> lines) {
+    TextFile f;
+    for (const std::string& l : lines) f.appendLine(std::string_view(l));
+    return f;
+  };
   zyldb t;
   dbrecord scratch(24);
+  TextFile f = file({R"("zyldb: Rev 3")", R"(":x")", R"("a:b:c")", R"(" sp :  v")", R"("ZYLDB")"});
   EXPECT_EQ(t.read_params(f, &scratch), 0);
   EXPECT_EQ(t.getRevision(), 3);
   EXPECT_THAT(logs_, ElementsAre("log: zyldb::read_text:  Warning: zyldb is revision 3, current "
@@ -214,131 +175,94 @@ TEST_F(ZyldbFileTest, ReadParamsSplitsNamesAndWarnsOnRevision) {
   EXPECT_THAT(t.get_param_val("a"), StrEq("b:c"));
   EXPECT_THAT(t.get_param_val("sp "), StrEq("v"));
   EXPECT_THAT(scratch.get_field(0), StrEq("ZYLDB"));
-  EXPECT_EQ(f.currentLine, 5u);
-}
 
-TEST_F(ZyldbFileTest, ReadParamsStopsAtTheLimitsOfTheHeader) {
-  zyldb t;
-  dbrecord scratch(24);
-
-  TextFile many;
-  many.appendLine(std::string_view("\"ZYLDB:Rev 1\""));
-  for (int i = 0; i < 45; ++i) many.appendLine(std::string_view("\"p" + std::to_string(i) + ":v\""));
-  many.appendLine(std::string_view("\"ZYLDB\""));
-  EXPECT_EQ(t.read_params(many, &scratch), 0);
+  std::vector<std::string> many = {R"("ZYLDB:Rev 1")"};
+  for (int i = 0; i < 45; ++i) many.push_back("\"p" + std::to_string(i) + ":v\"");
+  many.push_back(R"("ZYLDB")");
+  f = file(many);
+  EXPECT_EQ(t.read_params(f, &scratch), 0);
   EXPECT_EQ(t.getNumParams(), 40u);
-  EXPECT_THAT(t.get_param_val("p38"), StrEq("v"));
   EXPECT_EQ(t.get_param_val("p39"), nullptr);
 
-  TextFile unterminated;
-  unterminated.appendLine(std::string_view("\"ZYLDB:Rev 1\""));
-  unterminated.appendLine(std::string_view("\"k:v\""));
-  EXPECT_NE(t.read_params(unterminated, &scratch), 0);
-  EXPECT_EQ(t.getNumParams(), 2u);
-  EXPECT_EQ(scratch.get_num_fields(), 0u);
-
-  TextFile noColon;
-  noColon.appendLine(std::string_view("\"ZYLDB:Rev 1\""));
-  noColon.appendLine(std::string_view("\"k:v\""));
-  noColon.appendLine(std::string_view("\"Reel\",\"Scene\""));
-  noColon.appendLine(std::string_view("\"ZYLDB\""));
-  EXPECT_NE(t.read_params(noColon, &scratch), 0);
+  // A line without a colon ends the parameters and is left in the scratch.
+  f = file({R"("ZYLDB:Rev 1")", R"("k:v")", R"("Reel","Scene")", R"("ZYLDB")"});
+  EXPECT_NE(t.read_params(f, &scratch), 0);
   EXPECT_EQ(t.getNumParams(), 2u);
   EXPECT_THAT(scratch.get_field(1), StrEq("Scene"));
-  EXPECT_EQ(noColon.currentLine, 3u);
-
-  TextFile names;
-  names.appendLine(std::string_view("\"Name\",\"Reel\""));
-  EXPECT_NE(t.read_params(names, &scratch), 0);
+  f = file({R"("ZYLDB:Rev 1")", R"("k:v")"});  // no terminator
+  EXPECT_NE(t.read_params(f, &scratch), 0);
+  EXPECT_EQ(t.getNumParams(), 2u);
+  f = file({R"("Name","Reel")"});
+  EXPECT_NE(t.read_params(f, &scratch), 0);
   EXPECT_EQ(t.getNumParams(), 0u);
-
-  TextFile empty;
-  EXPECT_EQ(t.read_params(empty, &scratch), 0);
-  EXPECT_EQ(t.getNumParams(), 0u);
-  EXPECT_THAT(logs_, IsEmpty());
+  f = file({});
+  EXPECT_EQ(t.read_params(f, &scratch), 0);
 }
 
 TEST(ColumnHeader, WritesWidthsTypesAndNames) {
-  zyldb t(columns({{"Name", DBFieldTypes::text},
-                   {"Start time", DBFieldTypes::timecode},
-                   {"Code", DBFieldTypes::char_},
-                   {"Odd", static_cast<DBFieldTypes::eType>('x')},
-                   {"Rate", DBFieldTypes::double_},
-                   {"Kind", DBFieldTypes::text_s}}));
-  int row = t.add_records(1);
-  t.set_field(row, 2u, "1234567");
-
-  TextFile full;
+  zyldb t(columns({{"Name", 'a'}, {"Start time", 't'}, {"Code", 'c'}, {"Odd", 'x'},
+                   {"Rate", 'f'}, {"Kind", 'A'}}));
+  t.set_field(t.add_records(1), 2u, "1234567");
+  TextFile full, names;
   EXPECT_EQ(t.save_column_header(full, false), 1);
-  EXPECT_THAT(linesOf(full),
-              ElementsAre("\"ZYLDB\"", R"("32","12","7","4","4","4")",
-                          R"("text","timecode","c","x","double","text_s")",
-                          R"("Name","Start time","Code","Odd","Rate","Kind")"));
-  TextFile names;
   t.save_column_header(names, true);
-  EXPECT_THAT(linesOf(names), ElementsAre(R"("Name","Start time","Code","Odd","Rate","Kind")"));
+  const std::string namesLine = R"("Name","Start time","Code","Odd","Rate","Kind")";
+  EXPECT_THAT(linesOf(full), ElementsAre("\"ZYLDB\"", R"("32","12","7","4","4","4")",
+                                         R"("text","timecode","c","x","double","text_s")",
+                                         namesLine));
+  EXPECT_THAT(linesOf(names), ElementsAre(namesLine));
 }
 
 TEST_F(ZyldbFileTest, RealisticLogRoundTripsLineForLine) {
-  const std::string original = realistic();
-  writeFile("clips.log", original);
+  writeFile("clips.log", kClips);
   auto t = load("clips.log");
   ASSERT_EQ(t->get_valid(), 1);
   EXPECT_EQ(t->get_num_records(), 36u);
-  EXPECT_EQ(t->get_num_fields(), 23u);
-  EXPECT_EQ(typesOf(*t), "aaaaaattttatta" "aaaaaaaan");
+  EXPECT_EQ(typesOf(*t), "aaaaaattttattaaaaaaaaan");
   EXPECT_THAT(t->get_param_val("OWNER"), StrEq("assist 2, cutting room B"));
   EXPECT_THAT(t->getField(7, 20).c_str(), StrEq("Insert: kettle boils over\nsteam only, no hands"));
   EXPECT_THAT(t->getField(4, 20).c_str(),
               StrEq("Over Maria's shoulder, Tom says \"not tonight\" early"));
   EXPECT_EQ(t->get_changed(), 1);
   EXPECT_NE(t->getLastChange(), 0);
-  dberror e;
-  EXPECT_EQ(t->read_error_info(e), 0);
 
   t->set_filename(wpath("copy.log"));
   EXPECT_EQ(t->save_text(), 36);
-  EXPECT_EQ(readFile("copy.log"), original);
+  EXPECT_EQ(readFile("copy.log"), kClips);
   EXPECT_FALSE(t->get_record(0)->isChanged());
-
   auto again = load("copy.log");
   EXPECT_EQ(rowsOf(*again), rowsOf(*t));
-  again->set_filename(wpath("copy2.log"));
-  EXPECT_EQ(again->save_text(), 36);
-  EXPECT_EQ(readFile("copy2.log"), original);
   EXPECT_THAT(logs_, IsEmpty());
 }
 
 TEST_F(ZyldbFileTest, LoadingReportsErrorsAndWarnings) {
   const std::string user = "user: zyldb::add_text: returning because not all fields filled\n";
   const std::string noMore = "log: zyldb::add_text: returning because no more lines\n";
+  const std::string long5000(5000, 'v');
   struct Case {
     const char* what;
     std::string text;
     int valid;
     Rows rows;
     std::vector<int> error;  // empty: none recorded
-    std::vector<std::string> logs;
+    std::vector<std::string> logs = {};
     std::string types = "aaa";
   } cases[] = {
-      {"header only", kHeader, 1, {}, {}, {}},
-      {"three rows", kHeader + "\"1\",\"2\",\"3\"\n\"4\",\"5\",\"6\"\n\"7\",\"8\",\"9\"", 1,
-       {{"1", "2", "3"}, {"4", "5", "6"}, {"7", "8", "9"}}, {}, {}},
+      {"header only", kHeader, 1, {}, {}},
       {"short row", kHeader + "\"1\",\"2\",\"3\"\n\"4\",\"5\"\n\"7\",\"8\",\"9\"\n", 1,
        {{"1", "2", "3"}}, {1, 1, 0, 0}, {user}},
-      {"tab before a field", kHeader + "\"1\",\t\"2\",\"3\"\n", 1, {}, {1, 0, 0, 0}, {user}},
-      {"tab makes up a field", kHeader + "\"1\",\t\"2\"\n", 1, {{"1", "2", ""}}, {}, {}},
+      {"tab makes an extra field", kHeader + "\"1\",\t\"2\",\"3\"\n", 1, {}, {1, 0, 0, 0}, {user}},
       {"truncated record", kHeader + "\"1\",\"2\",\"3\"\n\"4\",\"5", 1, {{"1", "2", "3"}},
        {1, 1, 0, 0}, {user}},
       {"empty line ends records", kHeader + "\"1\",\"2\",\"3\"\n\n\"4\",\"5\",\"6\"\n", 1,
-       {{"1", "2", "3"}}, {}, {}},
+       {{"1", "2", "3"}}, {}},
       {"CRLF", "\"ZYLDB:Rev 1\"\r\n\"ZYLDB\"\r\n\"4\",\"4\",\"4\"\r\n\"text\",\"text\",\"text\"\r\n"
-               "\"A\",\"B\",\"C\"\r\n\"1\",\"2\",\"3\"\r\n",
-       1, {{"1", "2", "3"}}, {}, {}},
+               "\"A\",\"B\",\"C\"\r\n\"1\",\"2\",\"3\"\r\n\"4\",\"5\",\"6\"",
+       1, {{"1", "2", "3"}, {"4", "5", "6"}}, {}},
       {"NUL ends a line", kHeader + std::string("\"1\",\"2\",\"3\0\",\"4\"\n", 17), 1,
-       {{"1", "2", "3"}}, {}, {}},
-      {"long value", kHeader + "\"a\",\"" + std::string(5000, 'v') + "\"\n", 1,
-       {{"a", std::string(4095, 'v'), std::string(904, 'v')}}, {}, {}},
+       {{"1", "2", "3"}}, {}},
+      {"long value", kHeader + "\"a\",\"" + long5000 + "\"\n", 1,
+       {{"a", long5000.substr(0, 4095), long5000.substr(0, 904)}}, {}},
       {"types count", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\"\n\"A\",\"B\"\n", 0, {},
        {3, 3, 0, 0}, {}, ""},
       {"names count", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"t\"\n\"A\"\n", 0, {},
@@ -348,20 +272,17 @@ TEST_F(ZyldbFileTest, LoadingReportsErrorsAndWarnings) {
       {"unknown type", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"bogus\"\n\"A\",\"B\"\n"
                        "\"1\",\"2\"\n",
        1, {{"1", "2"}}, {2, 3, 0, 0}, {}, "aa"},
-      {"unnamed type", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\"\n\"c\"\n\"A\"\n\"1\"\n", 1, {{"1"}}, {},
-       {}, "c"},
       {"no magic", "\"A\",\"B\",\"C\"\n\"1\",\"2\",\"3\"\n", 0, {}, {}, {}, ""},
       {"empty file", "", 0, {}, {}, {}, ""},
-      {"revision 2", "\"ZYLDB:Rev 2\"\n\"ZYLDB\"\n\"4\"\n\"text\"\n\"A\"\n\"1\"\n", 1, {{"1"}}, {},
-       {"log: zyldb::read_text:  Warning: zyldb is revision 2, current level is 1\n"}, "a"},
-      {"header line among records",
-       "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\"\n\"text\"\n\"A\"\n\"r1\"\n\"zyldb\"\n\"s1\"\n\"s2\"\n"
-       "\"kept\"\n\"r2\"\n",
-       1, {{"r1"}, {"kept"}, {"r2"}}, {}, {}, "a"},
-      {"header line at the end",
-       "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\"\n\"text\"\n\"A\"\n\"r1\"\n\"ZYLDB\"\n\"s1\"\n", 1,
-       {{"r1"}}, {}, {noMore}, "a"},
+      {"revision 2", "\"ZYLDB:Rev 2\"\n\"ZYLDB\"\n\"4\"\n\"c\"\n\"A\"\n\"1\"\n", 1, {{"1"}}, {},
+       {"log: zyldb::read_text:  Warning: zyldb is revision 2, current level is 1\n"}, "c"},
+      {"header line among records", kOneColumn + "\"r1\"\n\"zyldb\"\n\"s1\"\n\"s2\"\n\"kept\"\n",
+       1, {{"r1"}, {"kept"}}, {}, {}, "a"},
+      {"header line at the end", kOneColumn + "\"r1\"\n\"ZYLDB\"\n\"s1\"\n", 1, {{"r1"}}, {},
+       {noMore}, "a"},
       {"no columns", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\n", 1, {}, {}, {}, ""},
+      {"lenient names", "\"ZYLDB:Rev 1\"\n\"Reel\",\"Start\",\"END TC\"\n\"1\",\"2\",\"3\"\n", 1,
+       {{"1", "2", "3"}}, {}, {}, "att"},
       {"no terminator", "\"ZYLDB:Rev 1\"\n\"k:v\"\n", 1, {}, {}, {}, ""},
   };
   for (const Case& c : cases) {
@@ -373,56 +294,38 @@ TEST_F(ZyldbFileTest, LoadingReportsErrorsAndWarnings) {
     EXPECT_EQ(rowsOf(*t), c.rows);
     EXPECT_EQ(typesOf(*t), c.types);
     dberror e;
-    if (c.error.empty()) {
-      EXPECT_EQ(t->read_error_info(e), 0);
-    } else {
-      ASSERT_EQ(t->read_error_info(e), 1);
-      EXPECT_THAT((std::vector<int>{e.code, e.detail, e.extra1, e.extra2}),
-                  ElementsAreArray(c.error));
-    }
+    std::vector<int> error;
+    if (t->read_error_info(e)) error = {e.code, e.detail, e.extra1, e.extra2};
+    EXPECT_EQ(error, c.error);
     EXPECT_EQ(logs_, c.logs);
   }
 }
 
-TEST_F(ZyldbFileTest, LenientHeaderTakesTheNextLineAsNames) {
-  writeFile("loose.log", "\"ZYLDB:Rev 1\"\n\"Reel\",\"Start\",\"END TC\"\n\"1\",\"2\",\"3\"\n");
-  auto loose = load("loose.log");
-  EXPECT_EQ(loose->get_valid(), 1);
-  EXPECT_THAT(namesOf(*loose), ElementsAre("Reel", "Start", "END TC"));
-  EXPECT_EQ(typesOf(*loose), "att");
-  EXPECT_EQ(rowsOf(*loose), (Rows{{"1", "2", "3"}}));
-
-  auto strict = load("loose.log", INT_MAX, true);
-  EXPECT_EQ(strict->get_valid(), 0);
-  EXPECT_EQ(strict->get_num_records(), 0u);
-}
-
-TEST_F(ZyldbFileTest, MaxRecordsBoundsTheRowsRead) {
-  writeFile("five.log", kHeader + "\"1\",\"\",\"\"\n\"2\",\"\",\"\"\n\"3\",\"\",\"\"\n");
-  EXPECT_EQ(load("five.log", 2)->get_num_records(), 2u);
-  EXPECT_EQ(load("five.log", 0)->get_num_records(), 0u);
-  EXPECT_EQ(load("five.log", 0)->get_valid(), 1);
+TEST_F(ZyldbFileTest, StrictHeaderAndRowLimit) {
+  writeFile("loose.log", "\"ZYLDB:Rev 1\"\n\"Reel\",\"Start\"\n\"1\",\"2\"\n");
+  EXPECT_THAT(load("loose.log")->get_fieldname(1), StrEq("Start"));
+  EXPECT_EQ(load("loose.log", INT_MAX, true)->get_valid(), 0);
+  writeFile("three.log", kOneColumn + "\"1\"\n\"2\"\n\"3\"\n");
+  EXPECT_EQ(load("three.log", 2)->get_num_records(), 2u);
+  EXPECT_EQ(load("three.log", 0)->get_num_records(), 0u);
 }
 
 TEST_F(ZyldbFileTest, CsvVariant) {
-  writeFile("clips.csv", "Reel,Scene\nA001,12,extra\n\nonly\nx,\n");
+  writeFile("clips.csv", "Reel,Scene\nA001,12,extra\n\nonly\n x ,\n");
   auto t = load("clips.csv");
   EXPECT_EQ(t->get_valid(), 1);
-  EXPECT_THAT(namesOf(*t), ElementsAre("Reel", "Scene"));
+  EXPECT_THAT(t->get_fieldname(1), StrEq("Scene"));
   EXPECT_EQ(typesOf(*t), "AA");
-  EXPECT_EQ(rowsOf(*t), (Rows{{"A001", "12"}, {"only", ""}, {"x", ""}}));
-
+  EXPECT_EQ(rowsOf(*t), (Rows{{"A001", "12"}, {"only", ""}, {" x ", ""}}));
   writeFile("empty.csv", "");
-  auto empty = load("empty.csv");
-  EXPECT_EQ(empty->get_valid(), 1);
-  EXPECT_EQ(empty->get_num_fields(), 0u);
-
+  EXPECT_EQ(load("empty.csv")->get_valid(), 1);
   writeFile("upper.CSV", "Reel,Scene\nA001,12\n");
   EXPECT_EQ(load("upper.CSV")->get_valid(), 0);
 }
 
-TEST_F(ZyldbFileTest, LoadTextSkipsTheFirstLine) {
-  zyldb t(columns({{"Reel", DBFieldTypes::text}, {"Scene", DBFieldTypes::text}}));
+TEST_F(ZyldbFileTest, LoadTextPairsWithSavesWithoutHeader) {
+  const auto cols = columns({{"Reel", 'a'}, {"Scene", 'a'}});
+  zyldb t(cols);
   int row = t.add_records(2);
   t.set_field(row, 0u, "001");
   t.set_field(row + 1, 1u, "12");
@@ -430,60 +333,50 @@ TEST_F(ZyldbFileTest, LoadTextSkipsTheFirstLine) {
   EXPECT_EQ(t.save_text_without_header(), 2);
   EXPECT_EQ(readFile("names.log"), "\"Reel\",\"Scene\"\n\"001\",\"\"\n\"\",\"12\"\n");
 
-  zyldb into(columns({{"Reel", DBFieldTypes::text}, {"Scene", DBFieldTypes::text}}));
+  zyldb into(cols);
   into.set_filename(wpath("names.log"));
   EXPECT_EQ(into.load_text(10), 2);
   EXPECT_EQ(rowsOf(into), (Rows{{"001", ""}, {"", "12"}}));
 
   writeFile("magic.log", kHeader);
-  zyldb other(columns({{"Reel", DBFieldTypes::text}, {"Scene", DBFieldTypes::text}}));
-  other.set_filename(wpath("magic.log"));
-  EXPECT_EQ(other.load_text(10), 0);
+  into.set_filename(wpath("magic.log"));
+  EXPECT_EQ(into.load_text(10), 0);
   dberror e;
-  ASSERT_EQ(other.read_error_info(e), 1);
-  EXPECT_EQ(e.code, 1);
-  EXPECT_EQ(e.detail, 0);
-
-  other.set_filename(wpath("missing.log"));
-  EXPECT_EQ(other.load_text(10), 0);
+  ASSERT_EQ(into.read_error_info(e), 1);
+  EXPECT_EQ(e.code * 100 + e.detail, 100);
+  into.set_filename(wpath("missing.log"));
+  EXPECT_EQ(into.load_text(10), 0);
 }
 
 TEST_F(ZyldbFileTest, SavesTagsAndTagColumn) {
-  zyldb t(columns({{"Name", DBFieldTypes::text}, {"Tag", DBFieldTypes::numeric}}));
+  zyldb t(columns({{"Name", 'a'}, {"Tag", 'n'}}));
   int row = t.add_records(3);
   for (int i = 0; i < 3; ++i) t.set_field(row + i, 0u, ("n" + std::to_string(i)).c_str());
   t.set_filename(wpath("tags.log"));
-  const std::string header =
-      "\"ZYLDB\"\n\"32\",\"1\"\n\"text\",\"numeric\"\n\"Name\",\"Tag\"\n";
-
+  const std::string header = "\"ZYLDB\"\n\"32\",\"1\"\n\"text\",\"numeric\"\n\"Name\",\"Tag\"\n";
   EXPECT_TRUE(t.save_tags());
   EXPECT_EQ(readFile("tags.log"), header);
-
   t.set_tag(0, 1);
   t.set_tag(2, 1);
   EXPECT_TRUE(t.save_tags());
   EXPECT_EQ(readFile("tags.log"), header + "\"n0\",\"\"\n\"n2\",\"\"\n");
-
   EXPECT_EQ(t.save_text(), 3);
   EXPECT_EQ(readFile("tags.log"), header + "\"n0\",\"1\"\n\"n1\",\"0\"\n\"n2\",\"1\"\n");
 }
 
 TEST_F(ZyldbFileTest, FailedSavesLeaveTheOldFile) {
-  writeFile("keep.log", realistic());
+  writeFile("keep.log", kClips);
   auto t = load("keep.log");
-  ASSERT_EQ(t->get_valid(), 1);
   t->set_field(0u, 0u, "edited");
-
   t->set_filename(wpath("no such folder/keep.log"));
   EXPECT_EQ(t->save_text(), 0);
   EXPECT_FALSE(t->save_tags());
-  EXPECT_FALSE(fs::exists(dir_ / "no such folder"));
 
   t->set_filename(wpath("keep.log"));
-  zyl::testing::FaultyFileService faulty;
+  using Faulty = zyl::testing::FaultyFileService;
+  Faulty faulty;
   zyl::testing::ScopedFileService use(&faulty);
-  for (auto op : {zyl::testing::FaultyFileService::kWrite, zyl::testing::FaultyFileService::kMove}) {
-    faulty.reset();
+  for (auto op : {Faulty::kWrite, Faulty::kMove}) {
     faulty.setTornWrites(true);
     faulty.failNth(op);
     EXPECT_EQ(t->save_text(), 0);
@@ -491,7 +384,7 @@ TEST_F(ZyldbFileTest, FailedSavesLeaveTheOldFile) {
     EXPECT_EQ(t->save_text_without_header(), 0);
     faulty.failNth(op);
     EXPECT_FALSE(t->save_tags());
-    EXPECT_EQ(readFile("keep.log"), realistic());
+    EXPECT_EQ(readFile("keep.log"), kClips);
   }
   std::vector<std::string> left;
   for (const auto& entry : fs::directory_iterator(dir_)) left.push_back(entry.path().filename());
@@ -501,24 +394,21 @@ TEST_F(ZyldbFileTest, FailedSavesLeaveTheOldFile) {
 // Loading must survive memory exhaustion at any allocation: the partly built
 // table is destroyed without leaks, and a load with no failure is complete.
 TEST_F(ZyldbFileTest, LoadSurvivesExhaustionAtEveryAllocation) {
-  std::string text = realistic();
-  // A few rows keep the loop short while covering every kind of allocation.
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string l; std::getline(in, l) && lines.size() < 12;) lines.push_back(l);
-  std::string small;
-  for (const std::string& l : lines) small += l + "\n";
+  std::string small;  // the header and three rows
+  std::istringstream in(kClips);
+  std::string line;
+  for (int i = 0; i < 10 && std::getline(in, line); ++i) small += line + "\n";
   writeFile("small.log", small);
 
   zyl::Allocator& alloc = OS()->allocator();
   uint64_t n = 1;
-  for (;; ++n) {
+  for (bool failed = true; failed; ++n) {
     SCOPED_TRACE(n);
     // The thread's current packed chunk outlives a load; give it back so
     // that the counts compare the table's blocks only.
     zyl::detail::retireThreadChunk();
     const int64_t before = alloc.stats().liveBlocks;
-    bool failed = false;
+    failed = false;
     {
       zyldb t;
       t.set_filename(wpath("small.log"));
@@ -533,15 +423,13 @@ TEST_F(ZyldbFileTest, LoadSurvivesExhaustionAtEveryAllocation) {
       if (!failed) {
         ASSERT_TRUE(pending) << "a failure fired but nothing was thrown";
         EXPECT_EQ(t.get_valid(), 1);
-        EXPECT_EQ(t.get_num_records(), 5u);
         EXPECT_EQ(t.get_num_fields(), 23u);
-        EXPECT_THAT(t.getField(4, 0).c_str(), StrEq("12-2B"));
+        EXPECT_EQ(t.get_num_records(), 3u);
+        EXPECT_THAT(t.getField(2, 0).c_str(), StrEq("12-1C"));
       }
     }
     zyl::detail::retireThreadChunk();
-    EXPECT_EQ(alloc.stats().liveBlocks, before);
-    if (!failed) break;
-    ASSERT_LT(n, 100000u);
+    ASSERT_EQ(alloc.stats().liveBlocks, before);
   }
   EXPECT_GT(n, 50u) << "the load should allocate for every row";
 }

@@ -250,7 +250,8 @@ class ZYLDB_EXPORT ODBViewRep : public ODBBase, public Notifier {
   void addParamsFrom(ODBViewRep* other);
   void addParamsFrom(zyldb* db);
   // Stores "Rev 1" under "ZYLDB" only when that entry holds a value with no
-  // characters at all; an absent or valueless entry stays as it is.
+  // characters at all; an absent or valueless entry stays as it is (an
+  // absent one is not added).
   void internRevision();
   // Replaces the field spec text with a copy of `text` (null frees it) and
   // adds one field reference per known column name in it (tab- and

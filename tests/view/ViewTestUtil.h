@@ -1,0 +1,55 @@
+#pragma once
+
+// Helpers for the view tests: small named tables and message recording.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/db/zyldb.h>
+#include <zyldb/platform/Notifier.h>
+#include <zyldb/view/ODBView.h>
+
+namespace zyl::test {
+
+// A table with text columns `columns` and `rows` rows whose first column
+// reads "r0", "r1", ...
+inline std::unique_ptr<zyldb> makeTable(int rows,
+                                        std::vector<const char*> columns = {"Name", "Reel", "Tag"}) {
+  std::vector<DBFieldDesc> descs;
+  for (const char* c : columns) descs.push_back({c, DBFieldTypes::text});
+  auto t = std::make_unique<zyldb>(descs);
+  t->add_records(rows);
+  for (int i = 0; i < rows; ++i) t->set_field(i, 0u, ("r" + std::to_string(i)).c_str());
+  return t;
+}
+
+// The first column of every view row ("" for a row without record).
+inline std::vector<std::string> names(ODBBase& v) {
+  std::vector<std::string> out;
+  for (unsigned int i = 0; i < v.get_num_records(); ++i) out.push_back(v.getField(i, 0).toStdString());
+  return out;
+}
+
+// Records the "recordsDeleted" and "recordsChanged" messages of one notifier
+// as "D:<text>" and "C:<text>".
+class Recorder {
+ public:
+  explicit Recorder(Notifier& n) {
+    regs_.push_back(n.addListener("recordsDeleted", [this](const NotifyMsg& m) {
+      log.push_back("D:" + m.getText().toStdString());
+      return 0;
+    }));
+    regs_.push_back(n.addListener("recordsChanged", [this](const NotifyMsg& m) {
+      log.push_back("C:" + m.getText().toStdString());
+      return 0;
+    }));
+  }
+  std::vector<std::string> log;
+
+ private:
+  std::vector<Qm::Ptr<iObject>> regs_;
+};
+
+}  // namespace zyl::test
