@@ -11,7 +11,12 @@
 // or leaves the counts describing exactly what was built, so a failed
 // operation leaves a consistent, destructible table.
 
+#include <strings.h>
+#include <zyldb/db/dbrecord.h>
 #include <zyldb/db/zyldb.h>
+#include <zyldb/platform/OS.h>
+#include <zyldb/platform/QmException.h>
+#include <zyldb/platform/time_def.h>
 
 #include <algorithm>
 #include <charconv>
@@ -19,13 +24,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-
-#include <strings.h>
-
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/platform/OS.h>
-#include <zyldb/platform/QmException.h>
-#include <zyldb/platform/time_def.h>
 
 #include "db/LibrarySettings_internal.h"
 
@@ -161,7 +159,8 @@ void zyldb::copyVisibleRowsFrom(const zyldb& src) {
   ensureCapacity(uint64_t{numRecords} + n);
   for (unsigned int i = 0; i < n; ++i) {
     const dbrecord* from = src.get_record(i);
-    rows[numRecords] = from ? new dbrecord(*from) : new dbrecord(static_cast<unsigned short>(numFields));
+    rows[numRecords] =
+        from ? new dbrecord(*from) : new dbrecord(static_cast<unsigned short>(numFields));
     ++numRecords;
   }
 }
@@ -289,8 +288,9 @@ void zyldb::delete_records(unsigned int first, unsigned int count) {
   count = std::min(count, numRecords - first);
   // The message text is built before any record goes, so that running out of
   // memory here leaves the table untouched.
+  const bool listened = numListeners() != 0;
   LightweightString<char> text;
-  if (count > 0) {
+  if (count > 0 && listened) {
     std::string list;
     list.reserve(size_t{count} * 8);
     char digits[16];
@@ -308,7 +308,7 @@ void zyldb::delete_records(unsigned int first, unsigned int count) {
   clearIdCache();
   if (count == 0) return;
   changed = 1;
-  issueRecordsDeleted(text);
+  if (listened) issueRecordsDeleted(text);
 }
 
 void zyldb::issueRecordsDeleted(const LightweightString<char>& text) {
@@ -340,7 +340,9 @@ unsigned int zyldb::get_new_row(unsigned int rawRow) {
   return static_cast<unsigned int>(-1);
 }
 
-dbrecord* zyldb::make_dummy_record() { return new dbrecord(static_cast<unsigned short>(numFields)); }
+dbrecord* zyldb::make_dummy_record() {
+  return new dbrecord(static_cast<unsigned short>(numFields));
+}
 
 void zyldb::copy_record(int row, dbrecord* src) {
   if (src == nullptr || row < 0) return;
@@ -436,7 +438,8 @@ int zyldb::get_fieldnum(const LightweightString<char>& name) const {
     auto it = fieldByName.find(name);
     return it == fieldByName.end() ? -1 : static_cast<int>(it->second);
   }
-  const unsigned int n = std::min<unsigned int>(numFields, static_cast<unsigned int>(fieldNames.size()));
+  const unsigned int n =
+      std::min<unsigned int>(numFields, static_cast<unsigned int>(fieldNames.size()));
   for (unsigned int i = 0; i < n; ++i)
     if (strcasecmp(fieldNames[i].c_str(), name.c_str()) == 0) return static_cast<int>(i);
   return -1;
@@ -448,10 +451,10 @@ int zyldb::set_fieldname(unsigned int field, const char* name) {
     fieldNames[field] = LightweightString<char>();
     return 1;
   }
-  LightweightString<char> stored = (zyl::librarySettings().removeFieldnameAmpersands != 0 &&
-                                    std::strchr(name, '&') != nullptr)
-                                       ? strip_char_from_string('&', name)
-                                       : LightweightString<char>(name);
+  LightweightString<char> stored =
+      (zyl::librarySettings().removeFieldnameAmpersands != 0 && std::strchr(name, '&') != nullptr)
+          ? strip_char_from_string('&', name)
+          : LightweightString<char>(name);
   fieldByName[stored] = field;
   fieldNames[field] = std::move(stored);
   return 1;
@@ -504,7 +507,8 @@ int zyldb::addField(const DBFieldDesc& desc) {
   int widths[1] = {0};
   const unsigned int n = get_num_records();
   for (unsigned int r = 0; r < n; ++r)
-    if (dbrecord* rec = get_record(r)) rec->resizeRecord(static_cast<int>(numFields), widths, false);
+    if (dbrecord* rec = get_record(r))
+      rec->resizeRecord(static_cast<int>(numFields), widths, false);
   return static_cast<int>(col);
 }
 
@@ -549,7 +553,8 @@ int zyldb::add_zyldb(zyldb* other) {
   ensureCapacity(uint64_t{numRecords} + n);
   for (unsigned int j = 0; j < n; ++j) {
     const dbrecord* from = other->rows[j];
-    dbrecord* rec = from ? new dbrecord(*from) : new dbrecord(static_cast<unsigned short>(numFields));
+    dbrecord* rec =
+        from ? new dbrecord(*from) : new dbrecord(static_cast<unsigned short>(numFields));
     rec->set_container(this);
     rows[numRecords++] = rec;
   }

@@ -6,7 +6,12 @@
 // it, and a sort of that table or of a view over it reads it. Only one sort
 // may run at a time in the process.
 
+#include <strings.h>
+#include <zyldb/db/dbrecord.h>
 #include <zyldb/db/zyldb.h>
+#include <zyldb/platform/QmException.h>
+#include <zyldb/platform/TextUtil.h>
+#include <zyldb/platform/time_def.h>
 
 #include <algorithm>
 #include <cctype>
@@ -16,11 +21,7 @@
 #include <typeinfo>
 #include <vector>
 
-#include <strings.h>
-
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/platform/TextUtil.h>
-#include <zyldb/platform/time_def.h>
+#include "db/zyldb_sort_internal.h"
 
 int comco = 0;
 int* cmp_fields = nullptr;
@@ -133,7 +134,8 @@ struct SortEntry {
   const char* key;
   dbrecord* rec;
   uint64_t prefix;
-  uint32_t clean;
+  uint32_t index;  // the entry's place before the sort
+  uint8_t clean;
   bool emptyKey;  // saves reading the text to apply the empty-cell rule
 };
 
@@ -141,8 +143,8 @@ enum class KeyOrder { kCaseless, kStrx };
 
 inline bool isDigitByte(unsigned char c) { return c >= '0' && c <= '9'; }
 
-SortEntry makeEntry(const char* key, dbrecord* rec, KeyOrder order) {
-  SortEntry e{key, rec, 0, 8, key == nullptr || *key == 0};
+SortEntry makeEntry(const char* key, dbrecord* rec, uint32_t index, KeyOrder order) {
+  SortEntry e{key, rec, 0, index, 8, key == nullptr || *key == 0};
   if (key == nullptr) return e;
   unsigned char out[8] = {};
   unsigned int n = 0;
@@ -157,7 +159,7 @@ SortEntry makeEntry(const char* key, dbrecord* rec, KeyOrder order) {
       out[n++] = '0';
       if (n == 8) break;
       if (len > 254) {
-        e.clean = n;
+        e.clean = static_cast<uint8_t>(n);
         break;
       }
       out[n++] = static_cast<unsigned char>(len);
@@ -165,7 +167,7 @@ SortEntry makeEntry(const char* key, dbrecord* rec, KeyOrder order) {
       continue;
     }
     if (order == KeyOrder::kCaseless && c >= 0x80) {
-      e.clean = n;
+      e.clean = static_cast<uint8_t>(n);
       break;
     }
     out[n++] = static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
@@ -208,15 +210,40 @@ int compareEntriesDescending(const SortEntry& x, const SortEntry& y) {
   return compareDescendingFrom(cmp_fields + 1, x.rec, y.rec);
 }
 
+// The entries of `records` sorted stably in the order of the comparison
+// state: ascending as dbr_cmp orders the records, descending (direction < 0)
+// as dbr_backcmp does.
+std::vector<SortEntry> sortedEntries(dbrecord* const* records, size_t n, int direction) {
+  std::vector<SortEntry> entries(n);
+  const int first = cmp_fields != nullptr ? cmp_fields[0] : -1;
+  const KeyOrder order = direction < 0 || cmp_plain != 0 ? KeyOrder::kCaseless : KeyOrder::kStrx;
+  for (size_t i = 0; i < n; ++i) {
+    dbrecord* rec = records[i];
+    const char* key = cellText(rec, first);
+    if (direction >= 0) key = rec == nullptr || rec->is_blank() != 0 ? nullptr : skipBlanks(key);
+    entries[i] = makeEntry(key, rec, static_cast<uint32_t>(i), order);
+  }
+  if (direction < 0) {
+    std::stable_sort(entries.begin(), entries.end(), [](const SortEntry& x, const SortEntry& y) {
+      return compareEntriesDescending(x, y) < 0;
+    });
+  } else {
+    std::stable_sort(entries.begin(), entries.end(), [](const SortEntry& x, const SortEntry& y) {
+      return compareEntriesAscending(x, y) < 0;
+    });
+  }
+  return entries;
+}
+
 struct LabelPair {
   const char* start;
   const char* end;
 };
 
 constexpr LabelPair kLabelPairs[] = {
-    {"Start time", "End time"},           {"snd start", "snd end"},
-    {"start 24P code", "end 24P code"},   {"start keycode", "end keycode"},
-    {"start camcode", "end camcode"},     {"start inkcode", "end inkcode"},
+    {"Start time", "End time"},         {"snd start", "snd end"},
+    {"start 24P code", "end 24P code"}, {"start keycode", "end keycode"},
+    {"start camcode", "end camcode"},   {"start inkcode", "end inkcode"},
 };
 constexpr size_t kNumLabelPairs = sizeof kLabelPairs / sizeof kLabelPairs[0];
 
@@ -386,29 +413,23 @@ void zyldb::sortPrepare(int /*direction*/, int flag) {
 void zyldb::sort(int direction, int flag) {
   sortPrepare(direction, flag);
   if (numRecords >= 2) {
-    const int first = cmp_fields != nullptr ? cmp_fields[0] : -1;
-    std::vector<SortEntry> entries(numRecords);
-    const KeyOrder order =
-        direction < 0 || cmp_plain != 0 ? KeyOrder::kCaseless : KeyOrder::kStrx;
-    for (unsigned int i = 0; i < numRecords; ++i) {
-      dbrecord* rec = rows[i];
-      const char* key = cellText(rec, first);
-      if (direction >= 0) key = rec == nullptr || rec->is_blank() != 0 ? nullptr : skipBlanks(key);
-      entries[i] = makeEntry(key, rec, order);
-    }
-    if (direction < 0) {
-      std::stable_sort(entries.begin(), entries.end(), [](const SortEntry& x, const SortEntry& y) {
-        return compareEntriesDescending(x, y) < 0;
-      });
-    } else {
-      std::stable_sort(entries.begin(), entries.end(), [](const SortEntry& x, const SortEntry& y) {
-        return compareEntriesAscending(x, y) < 0;
-      });
-    }
+    const std::vector<SortEntry> entries = sortedEntries(rows, numRecords, direction);
     for (unsigned int i = 0; i < numRecords; ++i) rows[i] = entries[i].rec;
   }
   if (showTagsOnly != 0) index_tags();
 }
+
+namespace zyl {
+
+std::vector<uint32_t> stableSortOrder(const std::vector<dbrecord*>& records, int direction) {
+  if (records.size() > UINT32_MAX) throw Qm::Exception::BadAlloc();
+  const std::vector<SortEntry> entries = sortedEntries(records.data(), records.size(), direction);
+  std::vector<uint32_t> order(entries.size());
+  for (size_t i = 0; i < entries.size(); ++i) order[i] = entries[i].index;
+  return order;
+}
+
+}  // namespace zyl
 
 // ---- Search ----------------------------------------------------------------------
 
@@ -429,8 +450,8 @@ void zyldb::set_query(dbrecord* q) {
   std::vector<TextSearch::Criteria> criteria;
   criteria.reserve(q->get_num_fields());
   for (unsigned int i = 0; i < q->get_num_fields(); ++i)
-    criteria.emplace_back(TextSearch::Criterion(q->getField(static_cast<unsigned short>(i)),
-                                                TextSearch::eContains));
+    criteria.emplace_back(
+        TextSearch::Criterion(q->getField(static_cast<unsigned short>(i)), TextSearch::eContains));
   setQuery(criteria);
 }
 
@@ -545,8 +566,8 @@ int zyldb::findFirst(const char* fieldName, const char* value, int n) {
   if (col < 0 || numRecords == 0) return -1;
   for (unsigned int i = 0; i < numRecords; ++i) {
     const char* cell = cellText(rows[i], col);
-    const int result = n != 0 ? std::strncmp(cell, value, static_cast<size_t>(n))
-                              : std::strcmp(cell, value);
+    const int result =
+        n != 0 ? std::strncmp(cell, value, static_cast<size_t>(n)) : std::strcmp(cell, value);
     if (result == 0) return static_cast<int>(i);
   }
   return -1;

@@ -46,9 +46,6 @@ TEST(SExprTest, PrintsElementsInOrderWithSingleBlanks) {
     std::unique_ptr<SExpr> list(listOf(c.elements));
     EXPECT_EQ(text(*list), c.expected);
   }
-  // A cell without element prints nothing for it.
-  SExpr empty;
-  EXPECT_EQ(text(empty), "()");
 }
 
 TEST(SExprTest, ReverseReturnsTheOldLastCell) {

@@ -57,9 +57,9 @@ class ModelRun {
 
   // ---- The model ------------------------------------------------------------
 
-  int64_t sourceCount(int v) const {
-    const int b = views_[v].base;
-    return static_cast<int64_t>(b < 0 ? ids_.size() : views_[b].rows.size());
+  // The number of rows of a view's source, given as the view's base.
+  int64_t rowsOf(int base) const {
+    return static_cast<int64_t>(base < 0 ? ids_.size() : views_[base].rows.size());
   }
   int64_t tableRow(int v, int64_t pos) const {
     const int64_t r = views_[v].rows[pos];
@@ -113,7 +113,7 @@ class ModelRun {
   // of the chain take them; no other view is told.
   void insert(int v, int64_t at, int64_t n) {
     const bool inside = at < static_cast<int64_t>(views_[v].rows.size());
-    const int64_t first = inside ? views_[v].rows[at] : sourceCount(v);
+    const int64_t first = inside ? views_[v].rows[at] : rowsOf(views_[v].base);
     if (!inside) at = static_cast<int64_t>(views_[v].rows.size());
     if (views_[v].base >= 0) insert(views_[v].base, first, n);
     for (int64_t i = 0; i < n && views_[v].base < 0; ++i) ids_.insert(ids_.begin() + first + i, nextId_++);
@@ -150,7 +150,7 @@ class ModelRun {
     m.base = base;
     m.handle = ODBView(made ? made : new ODBViewRep(table_.get()));
     if (!made && base >= 0) m.handle->baseView(views_[base].handle.rep());
-    for (int64_t r = 0; !made && r < sourceCount(m.base); ++r)
+    for (int64_t r = 0; !made && r < rowsOf(m.base); ++r)
       if (all || pick(0, 2) == 0) {
         m.handle->displayRecordsAt(static_cast<int>(r), 1, static_cast<int>(rows.size()));
         rows.push_back(r);
@@ -278,7 +278,7 @@ class ModelRun {
         Rows copied = views_[v].rows;
         if (views_[v].base >= 0) {
           copied.clear();
-          for (int64_t r = 0; r < sourceCount(v); ++r) copied.push_back(r);
+          for (int64_t r = 0; r < rowsOf(views_[v].base); ++r) copied.push_back(r);
         }
         const std::vector<uint8_t> tags = views_[v].tags;
         addView(views_[v].base, false, rep.copy(), copied);
@@ -290,7 +290,7 @@ class ModelRun {
         rep.displayAllRecords();
         for (int p = 0; p < count; ++p) gone.push_back(p);
         removeEntries(v, gone);
-        for (int64_t r = 0; r < sourceCount(v); ++r) views_[v].rows.push_back(r);
+        for (int64_t r = 0; r < rowsOf(views_[v].base); ++r) views_[v].rows.push_back(r);
         views_[v].tags.assign(views_[v].rows.size(), 0);
         return;
       default:

@@ -25,12 +25,6 @@
 // own listener list; notifications are delivered on the thread that made the
 // change.
 
-#include <cstdint>
-#include <ctime>
-#include <map>
-#include <utility>
-#include <vector>
-
 #include <zyldb/db/DBFieldTypes.h>
 #include <zyldb/db/ODBBase.h>
 #include <zyldb/export.h>
@@ -38,6 +32,12 @@
 #include <zyldb/platform/LightweightString.h>
 #include <zyldb/platform/Notifier.h>
 #include <zyldb/platform/TextSearch.h>
+
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <utility>
+#include <vector>
 
 class dbrecord;
 class TextFile;
@@ -86,8 +86,9 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
 
   // ---- Storage and lifecycle ----------------------------------------------
 
-  // Resets every member to the empty, invalid state. Does not release
-  // storage: call free() for that.
+  // Resets the table to the empty, invalid state (no columns, parameters or
+  // storage; revision 1). A table that still holds any of these is released
+  // first, as by free(). The file name is kept.
   void init();
   // Allocates the first kChunkRows row slots, stamps the creation time, sets
   // the sort order to column 0 with offset 0 and records which columns are
@@ -365,8 +366,8 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   uint32_t numFields = 0;
   uint32_t numRecords = 0;
   uint32_t capacity = 0;
-  dbrecord** rows = nullptr;      // owned records, raw order
-  dbrecord** tagIndex = nullptr;  // not owned: the visible rows in show-tags-only mode
+  dbrecord** rows = nullptr;           // owned records, raw order
+  dbrecord** tagIndex = nullptr;       // not owned: the visible rows in show-tags-only mode
   char* paramNames[kMaxParams] = {};   // heap_strdup blocks
   char* paramValues[kMaxParams] = {};  // heap_strdup blocks
   uint32_t numParams = 0;
