@@ -30,6 +30,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -50,7 +51,7 @@ namespace {
 constexpr uint64_t kSeed = 1;
 constexpr int kGeneratorVersion = 1;
 constexpr const char* kSearchText = "rain on the glass";
-constexpr double kMaxRunRows = 2e10;
+constexpr double kMaxRunRows = 1e9;
 
 std::string benchDir() {
   const char* env = std::getenv("ZYLDB_BENCH_DIR");
@@ -71,7 +72,7 @@ zyldb& sourceTable(size_t rows) {
     std::fprintf(stderr, "view_bench: cannot write %s\n", path.c_str());
     std::exit(1);
   }
-  t.reset(new zyldb(LightweightString<wchar_t>(std::wstring(path.begin(), path.end())), 0, false));
+  t.reset(new zyldb(LightweightString<wchar_t>(std::wstring(path.begin(), path.end())), INT_MAX, false));
   if (!t->get_valid() || t->get_num_records() != rows) {
     std::fprintf(stderr, "view_bench: cannot load %s\n", path.c_str());
     std::exit(1);

@@ -3,12 +3,13 @@
 # repetitions and prints one table of medians: zyldb beside its SQLite peer,
 # their ratio and the floor (reading and splitting the file; writing it).
 #
-#   scripts/bench.sh [--reps N] [--cpu] [--bin PATH] [benchmark options...]
+#   scripts/bench.sh [--reps N] [--cpu] [--bin PATH | --from JSON] [benchmark options...]
 #
 # --reps N     repetitions of every case (default 3); the table shows medians
 # --cpu        tabulate CPU time instead of wall-clock time (steadier on a
 #              busy machine, but blind to waiting for the disk when saving)
 # --bin PATH   run this zyldb_table_bench instead of building one
+# --from JSON  print the table of an earlier run's results; run nothing
 # Other options go to the benchmark program, e.g. --benchmark_filter='/100000'.
 # Generated logs are cached in $ZYLDB_BENCH_DIR (default /tmp/zyldb-bench);
 # the raw results go to table_bench.json beside the program.
@@ -18,26 +19,31 @@ cd "$(dirname "$0")/.."
 reps=3
 bin=""
 clock=real_time
+from=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --reps) reps="$2"; shift 2 ;;
     --bin) bin="$2"; shift 2 ;;
     --cpu) clock=cpu_time; shift ;;
+    --from) from="$2"; shift 2 ;;
     *) break ;;
   esac
 done
 
-if [ -z "$bin" ]; then
-  scripts/setup.sh
-  cmake --preset default >/dev/null
-  cmake --build --preset default --target zyldb_table_bench >&2
-  bin=build/default/bench/zyldb_table_bench
+if [ -n "$from" ]; then
+  json="$from"
+else
+  if [ -z "$bin" ]; then
+    scripts/setup.sh
+    cmake --preset default >/dev/null
+    cmake --build --preset default --target zyldb_table_bench >&2
+    bin=build/default/bench/zyldb_table_bench
+  fi
+  json="$(dirname "$bin")/table_bench.json"
+  # Progress goes to stderr; the table alone to stdout.
+  "$bin" --benchmark_repetitions="$reps" --benchmark_report_aggregates_only=true \
+    --benchmark_out="$json" --benchmark_out_format=json "$@" >&2
 fi
-json="$(dirname "$bin")/table_bench.json"
-
-# Progress goes to stderr; the table alone to stdout.
-"$bin" --benchmark_repetitions="$reps" --benchmark_report_aggregates_only=true \
-  --benchmark_out="$json" --benchmark_out_format=json "$@" >&2
 
 python3 - "$json" "$clock" <<'PY'
 import json, re, sys

@@ -1,13 +1,15 @@
 #include <zyldb/db/dbrecord.h>
 
-#include <cctype>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <string>
 #include <utility>
 
 #include <strings.h>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include <zyldb/db/zyldb.h>
 #include <zyldb/platform/OS.h>
@@ -25,17 +27,137 @@ constexpr unsigned int kMaxFields = 0xFFFF;
 // The reader's buffer; a value holds at most kReadBufferSize - 1 bytes.
 constexpr size_t kReadBufferSize = 4096;
 
-// isspace for the ASCII range only: bytes with the high bit set (UTF-8
-// sequences, Latin-1 letters) are never white space, whatever the locale.
-inline bool isBlank(char c) {
-  unsigned char u = static_cast<unsigned char>(c);
-  return u < 0x80 && std::isspace(u);
+// Byte classes of the line form. kBlank is isspace and kControl iscntrl of
+// the "C" locale, for the ASCII range only: bytes with the high bit set
+// (UTF-8 sequences, Latin-1 letters) are neither, whatever the locale, and
+// below 0x80 every locale agrees with these. kStop marks the bytes that end a
+// run of plain value bytes on reading (the comma only outside quotes) and
+// kEscaped those that the writer does not copy as they are.
+enum ByteClass : uint8_t {
+  kBlank = 1,
+  kControl = 2,
+  kStop = 4,
+  kComma = 8,
+  kEscaped = 16,
+};
+
+struct ByteClasses {
+  uint8_t of[256];
+  constexpr ByteClasses() : of() {
+    for (int c = 0; c < 256; ++c) {
+      uint8_t k = 0;
+      if (c == ' ' || (c >= '\t' && c <= '\r')) k |= kBlank;
+      if (c < 0x20 || c == 0x7f) k |= kControl;
+      if (c == 0 || c == '"' || c == '\\') k |= kStop;
+      if (c == ',') k |= kComma;
+      if (c == 0 || c == '"' || c == '\n' || c == '\r') k |= kEscaped;
+      of[c] = k;
+    }
+  }
+};
+constexpr ByteClasses kClasses;
+
+inline bool is(char c, uint8_t classes) {
+  return (kClasses.of[static_cast<unsigned char>(c)] & classes) != 0;
 }
 
-inline bool isControl(char c) {
-  unsigned char u = static_cast<unsigned char>(c);
-  return u < 0x80 && std::iscntrl(u);
+inline bool isBlank(char c) { return is(c, kBlank); }
+
+// The first byte at or after p in class `stops`, where the byte at `end` is
+// a NUL and is in kStop. Reads nothing past `end`.
+inline const char* skipPlain(const char* p, const char* end, uint8_t stops) {
+  if (is(*p, stops)) return p;  // an empty run, as after a closing quote
+#if defined(__SSE2__)
+  // Sixteen bytes at a time while they lie before `end`.
+  const __m128i quote = _mm_set1_epi8('"');
+  const __m128i backslash = _mm_set1_epi8('\\');
+  const __m128i comma = _mm_set1_epi8((stops & kComma) ? ',' : '"');
+  const __m128i zero = _mm_setzero_si128();
+  while (end - p >= 16) {
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, quote), _mm_cmpeq_epi8(x, backslash)),
+                                     _mm_or_si128(_mm_cmpeq_epi8(x, comma), _mm_cmpeq_epi8(x, zero)));
+    const int mask = _mm_movemask_epi8(hit);
+    if (mask != 0) return p + __builtin_ctz(static_cast<unsigned int>(mask));
+    p += 16;
+  }
+#else
+  (void)end;
+#endif
+  while (!is(*p, stops)) ++p;
+  return p;
 }
+
+// Whether any of the n bytes at p is in kEscaped. Eight bytes at a time,
+// the last word overlapping the one before: most values need no escaping.
+inline bool containsEscaped(const char* p, size_t n) {
+  if (n < 8) {
+    for (size_t i = 0; i < n; ++i)
+      if (is(p[i], kEscaped)) return true;
+    return false;
+  }
+  constexpr uint64_t kOnes = 0x0101010101010101u;
+  constexpr uint64_t kHighs = 0x8080808080808080u;
+  // Non-zero exactly when some byte of x is zero.
+  auto zeroByte = [](uint64_t x) { return (x - kOnes) & ~x & kHighs; };
+  auto escaped = [&](uint64_t x) {
+    return zeroByte(x) | zeroByte(x ^ (kOnes * '"')) | zeroByte(x ^ (kOnes * '\n')) |
+           zeroByte(x ^ (kOnes * '\r'));
+  };
+  uint64_t word;
+  for (size_t i = 0; i + 8 <= n; i += 8) {
+    std::memcpy(&word, p + i, 8);
+    if (escaped(word)) return true;
+  }
+  std::memcpy(&word, p + n - 8, 8);
+  return escaped(word) != 0;
+}
+
+// A value being read. While it is one unbroken stretch of the line it stays
+// there (`text` points into the line) and is packed straight from it; the
+// first piece that does not continue the stretch (after an escape, or the
+// decoded line feed) copies it into the scratch buffer.
+class ValueReader {
+ public:
+  explicit ValueReader(char* scratch) : scratch_(scratch) {}
+
+  size_t size() const { return n_; }
+
+  // Adds `k` bytes that are in the line at `s`.
+  void addFromLine(const char* s, size_t k) {
+    if (k == 0) return;
+    if (n_ == 0 && text_ != scratch_) {
+      text_ = s;
+    } else if (text_ != scratch_ && text_ + n_ != s) {
+      toScratch();
+    }
+    if (text_ == scratch_) std::memcpy(scratch_ + n_, s, k);
+    n_ += k;
+  }
+
+  // Adds a byte that is not in the line.
+  void addDecoded(char c) {
+    toScratch();
+    scratch_[n_++] = c;
+  }
+
+  // The value without its trailing white space.
+  Value take() {
+    while (n_ > 0 && isBlank(text_[n_ - 1])) --n_;
+    return Value::packed(text_, n_);
+  }
+
+ private:
+  void toScratch() {
+    if (text_ == scratch_) return;
+    if (n_ > 0) std::memmove(scratch_, text_, n_);
+    text_ = scratch_;
+  }
+
+  char* const scratch_;
+  const char* text_ = nullptr;
+  size_t n_ = 0;
+};
 
 const Value& emptyValue() {
   static const Value kEmpty;
@@ -106,7 +228,7 @@ void dbrecord::setCount(unsigned int n) {
   }
 }
 
-void dbrecord::append(Value&& v) {
+inline void dbrecord::append(Value&& v) {
   if (count_ == kMaxFields) return;
   if (count_ == capacity_) reserve(count_ + 1u);
   new (&fields_[count_]) Value(std::move(v));
@@ -225,47 +347,55 @@ int dbrecord::update(configb* cfg) {
 }
 
 int dbrecord::write(TextFile& f) const {
-  // One buffer per thread, reused for every line so that saving a large
-  // table allocates only when a line is longer than any before it.
-  thread_local std::string line;
-  line.clear();
+  // The line is written in place into room for its longest form (every
+  // byte escaped to two), and the room left over is given back.
+  size_t most = count_ > 0 ? size_t{count_} * 3 : 0;
+  for (unsigned int i = 0; i < count_; ++i) most += 2 * fields_[i].size();
+  TextFile::LineBuilder line(f);
+  char* const start = line.extend(most);
+  char* out = start;
   for (unsigned int i = 0; i < count_; ++i) {
-    if (i) line += ',';
-    line += '"';
+    if (i) *out++ = ',';
+    *out++ = '"';
     const char* p = fields_[i].c_str();
-    const char* end = p + fields_[i].size();
-    while (p < end) {
-      // Copy the run of bytes that need no escaping in one go.
-      const char* run = p;
-      while (p < end && *p != '"' && *p != '\n' && *p != '\r' && *p != 0) ++p;
-      line.append(run, static_cast<size_t>(p - run));
-      if (p == end) break;
-      switch (*p) {
-        case '"': line += "\"\""; break;
-        case '\n': line += "\\n"; break;
-        default: break;  // CR and NUL are dropped
+    const size_t n = fields_[i].size();
+    if (!containsEscaped(p, n)) {
+      std::memcpy(out, p, n);
+      out += n;
+    } else {
+      for (const char* end = p + n; p < end; ++p) {
+        switch (*p) {
+          case '"': *out++ = '"'; *out++ = '"'; break;
+          case '\n': *out++ = '\\'; *out++ = 'n'; break;
+          case '\r': case '\0': break;  // dropped
+          default: *out++ = *p; break;
+        }
       }
-      ++p;
     }
-    line += '"';
+    *out++ = '"';
   }
-  f.appendLine(std::string_view(line));
+  line.shrink(most - static_cast<size_t>(out - start));
+  line.finish();
   changed_ = 0;
   return 1;
 }
 
 int dbrecord::read(TextFile& f) {
   setCount(0);
-  const char* p = f.line(f.currentLine++);
+  const char* p = f.line(f.currentLine);
+  const char* const end = p + f.lineLength(f.currentLine);
+  ++f.currentLine;
   if (isEssentiallyEmpty(p)) return 0;
 
-  char buf[kReadBufferSize];
+  // The longest value is kReadBufferSize - 1 bytes.
+  constexpr size_t kMaxValue = kReadBufferSize - 1;
+  char scratch[kReadBufferSize];
   int starts = 0;
   while (*p) {
     if (starts < INT_MAX) ++starts;
     // A control character where a field starts counts as a field start but
     // gives no value (a tab before a field makes one extra start).
-    if (isControl(*p)) {
+    if (is(*p, kControl)) {
       ++p;
       continue;
     }
@@ -276,46 +406,56 @@ int dbrecord::read(TextFile& f) {
     }
     while (isBlank(*p)) ++p;
 
-    size_t n = 0;
-    while (*p) {
-      char c = *p;
-      if (c == '"') {
-        if (p[1] == '"') {
-          buf[n++] = '"';
-          p += 2;
-        } else {
-          inQuotes = false;
-          ++p;
-          continue;
-        }
-      } else if (c == '\\') {
-        if (p[1] == 'n') {
-          buf[n++] = '\n';
-          p += 2;
-        } else {
-          buf[n++] = '\\';
-          ++p;
-        }
-      } else if (c == ',' && !inQuotes) {
-        ++p;
-        break;
-      } else {
-        buf[n++] = c;
-        ++p;
+    ValueReader value(scratch);
+    for (;;) {
+      // A run of plain bytes, cut where the value is full. The scan may look
+      // past that point but never past the line's NUL, which stops it.
+      const uint8_t stops = inQuotes ? kStop : kStop | kComma;
+      const char* run = p;
+      p = skipPlain(p, end, stops);
+      size_t k = static_cast<size_t>(p - run);
+      if (k > kMaxValue - value.size()) {
+        k = kMaxValue - value.size();
+        p = run + k;
       }
-      // A full buffer ends the value; the byte after it is taken as the
-      // separator and the rest of the line goes on as further fields. When
-      // that byte is the closing quote of a full quoted value, the comma
-      // after it is the real separator and goes too, so that every value the
-      // writer can produce (up to 4095 bytes) reads back as one field.
-      if (n == kReadBufferSize - 1 && *p) {
+      value.addFromLine(run, k);
+      if (value.size() < kMaxValue) {
+        const char c = *p;
+        if (c == 0) break;
+        if (c == '"') {
+          if (p[1] != '"') {
+            inQuotes = false;
+            ++p;
+            continue;
+          }
+          value.addFromLine(p, 1);
+          p += 2;
+        } else if (c == '\\') {
+          if (p[1] == 'n') {
+            value.addDecoded('\n');
+            p += 2;
+          } else {
+            value.addFromLine(p, 1);
+            ++p;
+          }
+        } else {  // a comma outside quotes
+          ++p;
+          break;
+        }
+        if (value.size() < kMaxValue) continue;
+      }
+      // A full value ends here; the byte after it is taken as the separator
+      // and the rest of the line goes on as further fields. When that byte
+      // is the closing quote of a full quoted value, the comma after it is
+      // the real separator and goes too, so that every value the writer can
+      // produce (up to kMaxValue bytes) reads back as one field.
+      if (*p) {
         if (inQuotes && p[0] == '"' && p[1] == ',') ++p;
         ++p;
-        break;
       }
+      break;
     }
-    while (n > 0 && isBlank(buf[n - 1])) --n;
-    append(Value::packed(buf, n));
+    if (count_ < kMaxFields) append(value.take());
   }
 
   changed_ = 1;

@@ -82,7 +82,10 @@ const char* skipBlanks(const char* s) {
   return s;
 }
 
-bool equalsMagic(const char* field) { return field && strcasecmp(field, kMagicName) == 0; }
+// Asked of every record line on loading: the first byte settles nearly all.
+bool equalsMagic(const char* field) {
+  return field && (field[0] == 'Z' || field[0] == 'z') && strcasecmp(field, kMagicName) == 0;
+}
 
 // A copy for the parameter list; heap_strdup reports exhaustion as null,
 // which the list cannot hold, so it is raised again here.
@@ -91,6 +94,43 @@ char* copyParamText(const char* s, size_t n) {
   char* p = heap_strdup(text.c_str());
   if (!p) throw Qm::Exception::BadAlloc();
   return p;
+}
+
+// What saving needs to know of the rows, gathered in one pass over them
+// (reading a value's length touches the value, so passes are costly).
+struct RowsMeasure {
+  std::vector<size_t> longest;  // the longest value of each column
+  size_t lineBytes = 0;         // every row's line, unescaped, with its NUL
+  size_t taggedLineBytes = 0;   // the same for the tagged rows only
+  unsigned int taggedRows = 0;
+};
+
+RowsMeasure measureRows(dbrecord* const* rows, unsigned int count, unsigned int columns) {
+  RowsMeasure m;
+  m.longest.assign(columns, 0);
+  for (unsigned int r = 0; r < count; ++r) {
+    const dbrecord* rec = rows[r];
+    if (rec == nullptr) continue;
+    const unsigned int fields = rec->get_num_fields();
+    size_t bytes = fields > 0 ? size_t{fields} * 3 : 1;  // quotes and commas, NUL
+    for (unsigned int i = 0; i < fields; ++i) {
+      const size_t size = rec->getField(static_cast<unsigned short>(i)).size();
+      bytes += size;
+      if (i < columns && size > m.longest[i]) m.longest[i] = size;
+    }
+    m.lineBytes += bytes;
+    if (rec->getTag() != 0) {
+      m.taggedLineBytes += bytes;
+      ++m.taggedRows;
+    }
+  }
+  return m;
+}
+
+// Room for the rows' lines. Escapes make a line longer than measured, so a
+// little more is asked for; pages never written are never made resident.
+void reserveLines(TextFile& f, unsigned int lines, size_t bytes) {
+  f.reserve(lines, bytes + bytes / 32 + 4096);
 }
 
 bool endsWithCsv(const LightweightString<wchar_t>& name) {
@@ -220,16 +260,20 @@ void zyldb::save_params(TextFile& f) {
   }
 }
 
-int zyldb::save_column_header(TextFile& f, bool namesOnly) {
-  const unsigned int n = get_num_fields();
+namespace {
+
+// The terminator, widths, types and names lines; only the names line when
+// `longest` (each column's longest value) is null.
+void writeColumnHeader(const zyldb& table, TextFile& f, const std::vector<size_t>* longest) {
+  const unsigned int n = table.get_num_fields();
   std::string line;
-  if (!namesOnly) {
+  if (longest != nullptr) {
     f.appendLine(std::string_view("\"ZYLDB\""));
 
     char buf[32];
     for (unsigned int i = 0; i < n; ++i) {
-      int width = get_fieldsize(i);
-      int minimum = getMinFieldSize(get_fieldname(i));
+      int width = static_cast<int>((*longest)[i]);
+      int minimum = zyldb::getMinFieldSize(table.get_fieldname(i));
       std::snprintf(buf, sizeof buf, "\"%d\"%s", width > minimum ? width : minimum,
                     i + 1 < n ? "," : "");
       line += buf;
@@ -238,7 +282,7 @@ int zyldb::save_column_header(TextFile& f, bool namesOnly) {
 
     line.clear();
     for (unsigned int i = 0; i < n; ++i) {
-      DBFieldTypes::eType type = get_field_type(i);
+      DBFieldTypes::eType type = table.get_field_type(i);
       line += '"';
       if (const char* keyword = typeKeyword(type)) {
         line += keyword;
@@ -258,11 +302,22 @@ int zyldb::save_column_header(TextFile& f, bool namesOnly) {
   }
   for (unsigned int i = 0; i < n; ++i) {
     line += '"';
-    line += get_fieldname(i);
+    line += table.get_fieldname(i);
     line += '"';
     if (i + 1 < n) line += ',';
   }
   f.appendLine(std::string_view(line));
+}
+
+}  // namespace
+
+int zyldb::save_column_header(TextFile& f, bool namesOnly) {
+  if (namesOnly) {
+    writeColumnHeader(*this, f, nullptr);
+  } else {
+    const RowsMeasure measure = measureRows(rows, numRecords, numFields);
+    writeColumnHeader(*this, f, &measure.longest);
+  }
   return 1;
 }
 
@@ -429,9 +484,11 @@ int writeRows(zyldb& table, TextFile& f, dbrecord* const* rows, unsigned int n,
 }  // namespace
 
 int zyldb::save_text() {
+  const RowsMeasure measure = measureRows(rows, numRecords, numFields);
   TextFile f;
+  reserveLines(f, numRecords, measure.lineBytes);
   save_params(f);
-  save_column_header(f, false);
+  writeColumnHeader(*this, f, &measure.longest);
   int written = writeRows(*this, f, rows, numRecords, get_fieldnum(LightweightString<char>("Tag")),
                           showTagsOnly != 0);
   return f.save(fileName, TextFile::eLF) ? written : 0;
@@ -439,17 +496,20 @@ int zyldb::save_text() {
 
 int zyldb::save_text_without_header() {
   TextFile f;
+  reserveLines(f, numRecords, measureRows(rows, numRecords, 0).lineBytes);
   save_params(f);
-  save_column_header(f, true);
+  writeColumnHeader(*this, f, nullptr);
   int written = writeRows(*this, f, rows, numRecords, get_fieldnum(LightweightString<char>("Tag")),
                           showTagsOnly != 0);
   return f.save(fileName, TextFile::eLF) ? written : 0;
 }
 
 bool zyldb::save_tags() {
+  const RowsMeasure measure = measureRows(rows, numRecords, numFields);
   TextFile f;
+  reserveLines(f, measure.taggedRows, measure.taggedLineBytes);
   save_params(f);
-  save_column_header(f, false);
+  writeColumnHeader(*this, f, &measure.longest);
   for (unsigned int i = 0; i < numRecords; ++i)
     if (rows[i]->getTag() && !rows[i]->write(f)) break;
   return f.save(fileName, TextFile::eLF);

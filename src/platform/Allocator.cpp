@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -118,6 +119,10 @@ inline void count(int64_t blocks, int64_t bytes, uint64_t allocations) {
   countSlow(blocks, bytes, allocations);
 }
 
+// Blocks from this size on grow with room to spare (see reallocate).
+constexpr size_t kRoomyBlock = size_t{64} << 10;
+constexpr size_t kMaxRoomyBlock = SIZE_MAX / 3;
+
 [[noreturn]] __attribute__((noinline, cold)) void throwBadAlloc() {
   throw Qm::Exception::BadAlloc();
 }
@@ -162,9 +167,20 @@ void* Allocator::reallocate(void* p, size_t n) {
   if (!p) return allocate(n);
   checkInjectedFailure();
   size_t before = malloc_usable_size(p);
-  // glibc moves large (mmap'ed) blocks with mremap, so growing a big array
-  // step by step does not copy it each time.
-  void* q = std::realloc(p, n ? n : 1);
+  // Arrays that grow by a fixed step (a table's row slots, 500 at a time)
+  // would be copied at every step once glibc has placed them in its heap,
+  // where realloc moves by copying (only blocks it mapped on their own move
+  // with mremap). So a large block that must grow gets half as much again
+  // as asked, and keeps that room while it is at least half used, so that
+  // such an array is copied a few times instead of at every step.
+  if (before >= kRoomyBlock && n <= before && n > before / 2) {
+    count(0, 0, 1);
+    return p;
+  }
+  size_t want = n ? n : 1;
+  if (n > before && n >= kRoomyBlock && n <= kMaxRoomyBlock) want = n + n / 2;
+  void* q = std::realloc(p, want);
+  if (!q && want != n) q = std::realloc(p, n ? n : 1);
   if (!q) [[unlikely]]
     throwBadAlloc();
   count(0, static_cast<int64_t>(malloc_usable_size(q)) - static_cast<int64_t>(before), 1);

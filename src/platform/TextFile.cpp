@@ -49,14 +49,44 @@ bool TextFile::load(const LightweightString<wchar_t>& name, char separator, bool
 }
 
 bool TextFile::save(const LightweightString<wchar_t>& name, eEOLStyle style) const {
-  const std::string_view eol = style == eCRLF ? std::string_view("\r\n") : std::string_view("\n");
-  std::string text;
-  text.reserve(buf_.size() + starts_.size() * (eol.size() - 1));
-  for (unsigned int i = 0; i < getNumLines(); ++i) {
-    text.append(buf_.data() + starts_[i], lineLength(i));
-    text.append(eol);
+  // With LF line ends the buffer itself becomes the file's text: the NUL
+  // after each line is turned into a line feed for the write and back
+  // afterwards, so that no copy of a large file is made. CRLF needs one more
+  // byte per line and is built in a separate string.
+  std::string crlfText;
+  const char* text = buf_.data();
+  size_t textSize = buf_.size();
+  if (style == eCRLF) {
+    crlfText.reserve(buf_.size() + starts_.size());
+    for (unsigned int i = 0; i < getNumLines(); ++i) {
+      crlfText.append(buf_.data() + starts_[i], lineLength(i));
+      crlfText.append("\r\n", 2);
+    }
+    text = crlfText.data();
+    textSize = crlfText.size();
   }
+  // Each line's NUL is the byte before the next line's start; the last one
+  // is the buffer's last byte. The destructor puts the NULs back on every
+  // way out.
+  struct LineFeedsInPlace {
+    const TextFile& file;
+    const bool active;
+    void set(char c) const {
+      for (size_t i = 1; i < file.starts_.size(); ++i) file.buf_[file.starts_[i] - 1] = c;
+      if (!file.buf_.empty()) file.buf_.back() = c;
+    }
+    LineFeedsInPlace(const TextFile& f, bool on) : file(f), active(on) {
+      if (active) set('\n');
+    }
+    ~LineFeedsInPlace() {
+      if (active) set('\0');
+    }
+  } lineFeeds(*this, style != eCRLF);
+  return writeAtomically(name, text, textSize);
+}
 
+bool TextFile::writeAtomically(const LightweightString<wchar_t>& name, const char* text,
+                               size_t size) {
   // A unique name beside the target: rename(2) only replaces in one step
   // within one file system.
   static std::atomic<unsigned long> counter{0};
@@ -68,7 +98,7 @@ bool TextFile::save(const LightweightString<wchar_t>& name, eEOLStyle style) con
   LightweightString<wchar_t> tmpName(tmp);
 
   zyl::FileService& fs = OS()->fileService();
-  if (fs.writeFile(tmpName, text.data(), text.size()) && fs.move(tmpName, name, 0)) return true;
+  if (fs.writeFile(tmpName, text, size) && fs.move(tmpName, name, 0)) return true;
   // A successful remove leaves lastError() describing the failed step.
   if (fs.exists(tmpName)) fs.remove(tmpName);
   return false;
@@ -77,9 +107,27 @@ bool TextFile::save(const LightweightString<wchar_t>& name, eEOLStyle style) con
 void TextFile::appendLine(const LightweightString<char>& line) { appendLine(line.view()); }
 
 void TextFile::appendLine(std::string_view line) {
-  starts_.push_back(buf_.size());
-  buf_.append(line);
-  buf_.push_back('\0');
+  LineBuilder b(*this);
+  b.append(line);
+  b.finish();
+}
+
+void TextFile::LineBuilder::finish() {
+  // The text is complete before the line is counted, and the count is
+  // undone if the NUL cannot be added, so that a failure changes nothing.
+  file_.starts_.push_back(start_);
+  try {
+    file_.buf_.push_back('\0');
+  } catch (...) {
+    file_.starts_.pop_back();
+    throw;
+  }
+  finished_ = true;
+}
+
+void TextFile::reserve(size_t lines, size_t bytes) {
+  starts_.reserve(starts_.size() + lines);
+  buf_.reserve(buf_.size() + bytes + lines);
 }
 
 const char* TextFile::line(unsigned int n) const {

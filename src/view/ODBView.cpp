@@ -16,6 +16,7 @@
 #include <zyldb/platform/SystemWatchdog.h>
 #include <zyldb/sexpr/SExpr.h>
 
+#include "db/zyldb_sort_internal.h"
 #include "view/ODBView_internal.h"
 
 namespace {
@@ -311,10 +312,24 @@ void ODBViewRep::sort(int field, int order) {
   src->sortPrepare(field, order);
   gSortView = this;
   if (count_ < 2) return;
-  std::vector<SortItem> items(static_cast<size_t>(count_));
-  for (int i = 0; i < count_; ++i) items[i] = {src->get_record(index_[i].row), index_[i]};
-  std::qsort(items.data(), items.size(), sizeof(SortItem), compareSortItems);
-  for (int i = 0; i < count_; ++i) index_[i] = items[i].entry;
+  std::vector<dbrecord*> records(static_cast<size_t>(count_));
+  bool missing = false;
+  for (int i = 0; i < count_; ++i) missing |= (records[i] = src->get_record(index_[i].row)) == nullptr;
+  std::vector<ODBViewIndexEntry> sorted(static_cast<size_t>(count_));
+  if (!missing) {
+    // The table's key-based sort, equal rows keeping their order.
+    const std::vector<uint32_t> order = zyl::stableSortOrder(records, field < 0 ? -1 : 1);
+    for (int i = 0; i < count_; ++i) sorted[i] = index_[order[i]];
+  } else {
+    // A row without record compares equal to every other row, which the
+    // key-based sort does not do: compare pairwise.
+    std::vector<SortItem> items(static_cast<size_t>(count_));
+    for (int i = 0; i < count_; ++i) items[i] = {records[i], index_[i]};
+    std::stable_sort(items.begin(), items.end(),
+                     [](const SortItem& a, const SortItem& b) { return compareSortItems(&a, &b) < 0; });
+    for (int i = 0; i < count_; ++i) sorted[i] = items[i].entry;
+  }
+  std::copy(sorted.begin(), sorted.end(), index_);
 }
 
 bool ODBViewRep::satisfiesCondition(dbrecord*) {

@@ -240,21 +240,23 @@ void ODBViewInternal::applyDeletions(ODBViewRep& v, const std::vector<int32_t>& 
   };
   std::vector<Drop> drops;
   ODBViewIndexEntry* idx = v.index_;
+  const int64_t lowest = points.front().first, highest = points.back().first;
   int32_t w = 0;
   for (int32_t p = 0; p < count0; ++p) {
     ODBViewIndexEntry e = idx[p];
     const int64_t r = static_cast<int32_t>(e.row);
-    size_t below;
-    if (steps == 1) {
-      below = points[0].first < r ? 1 : 0;
-    } else {
+    // Most entries lie below or above every point: no search for those.
+    size_t below = steps;
+    if (r < lowest) {
+      below = 0;
+    } else if (r <= highest) {
       below = static_cast<size_t>(
           std::lower_bound(points.begin(), points.end(), std::make_pair(r, uint32_t{0})) -
           points.begin());
-    }
-    if (below < steps && points[below].first == r) {
-      drops.push_back({points[below].second, p});
-      continue;
+      if (points[below].first == r) {
+        drops.push_back({points[below].second, p});
+        continue;
+      }
     }
     e.row -= static_cast<uint32_t>(below);
     idx[w++] = e;

@@ -63,8 +63,12 @@ struct ODBViewInternal {
   // Applies the deletion messages queued while the base view was announcing.
   static void processQueued(ODBViewRep& v);
 
-  // Test access.
+  // Test access. Nothing in the library sets a condition or a sort order.
   static const ODBViewIndexEntry* slots(const ODBViewRep& v) { return v.index_; }
+  static void setConditionAndOrder(ODBViewRep& v, void* condition, void* order) {
+    v.condition_ = condition;
+    v.sortOrder_ = order;
+  }
   static bool hasQueuedWork(const ODBViewRep& v) { return !v.queuedGroupEnds_.empty(); }
 
   // Type ids of the two messages a view issues.

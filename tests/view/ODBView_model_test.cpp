@@ -305,15 +305,14 @@ class ModelRun {
     for (size_t v = 0; v < views_.size(); ++v) {
       const ModelView& m = views_[v];
       if (!m.alive) continue;
-      ODBViewRep& rep = *m.handle.rep();
-      ASSERT_EQ(rep.get_num_records(), m.rows.size()) << name(static_cast<int>(v));
-      ASSERT_EQ(rep.baseView(), m.base < 0 ? nullptr : views_[m.base].handle.rep());
+      SCOPED_TRACE(name(static_cast<int>(v)));
+      ASSERT_EQ(m.handle->get_num_records(), m.rows.size());
+      ASSERT_EQ(m.handle->baseView(), m.base < 0 ? nullptr : views_[m.base].handle.rep());
       for (size_t i = 0; i < m.rows.size(); ++i) {
         const int64_t row = tableRow(static_cast<int>(v), static_cast<int64_t>(i));
-        ASSERT_LT(row, static_cast<int64_t>(ids_.size())) << name(static_cast<int>(v)) << " row " << i;
-        ASSERT_EQ(rep.baseIndex(static_cast<int>(i)), row) << name(static_cast<int>(v)) << " row " << i;
-        ASSERT_EQ(rep.getField(i, 0).toStdString(), "id" + std::to_string(ids_[row]));
-        ASSERT_EQ(rep.get_tag(i), m.tags[i]) << name(static_cast<int>(v)) << " row " << i;
+        ASSERT_EQ(m.handle->baseIndex(static_cast<int>(i)), row) << "row " << i;
+        ASSERT_EQ(m.handle->getField(i, 0).toStdString(), "id" + std::to_string(ids_[row])) << "row " << i;
+        ASSERT_EQ(m.handle->get_tag(i), m.tags[i]) << "row " << i;
       }
     }
   }

@@ -30,6 +30,7 @@ class ODBViewSaveTest : public ::testing::Test {
     table_->add_param("Take", "4");
     for (unsigned i = 0; i < 3; ++i) table_->set_field(i, 1u, "7");
     table_->clear_changed();
+    view_ = ODBView(new ODBViewRep(table_.get()));
     view_->displayRecordsAt(2, 1, 0);
     view_->displayRecordsAt(0, 2, 1);  // r2 r0 r1
     view_->set_tag(1u, 1);
@@ -45,9 +46,9 @@ class ODBViewSaveTest : public ::testing::Test {
   }
 
   std::string dir_;
-  std::string file_ = "";
+  std::string file_;
   std::unique_ptr<zyldb> table_ = makeTable(3, {"Name", "Tag"});
-  ODBView view_{new ODBViewRep(table_.get())};
+  ODBView view_;
   const char* name() {
     file_ = dir_ + "/v.log";
     return file_.c_str();

@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/Logging.h>
 
 #include "ViewTestUtil.h"
+#include "view/ODBView_internal.h"
 
 namespace zyl::test {
 namespace {
@@ -131,6 +133,25 @@ TEST(ODBViewTest, SortsByTheTableSortFieldEitherWay) {
   v->sort(-1, 0);
   EXPECT_THAT(names(*v.rep()), ElementsAre("r2", "r0", "r1", "r4", "r3"));
   EXPECT_STREQ(table->get_record(0)->get_field(0), "r0");  // the table keeps its order
+  v->append(99);  // no record: equal to every row
+  v->sort(0, 0);
+  EXPECT_EQ(v->get_num_records(), 6u);
+}
+
+TEST(ODBViewTest, UnimplementedConditionAndOrderReportThemselves) {
+  auto table = makeTable(3);
+  ODBView v(new ODBViewRep(table.get()));
+  std::vector<std::string> splats;
+  const zyl::SplatHandler previous = zyl::setSplatHandler([&](const char* t) { splats.push_back(t); });
+  int condition = 0, order = 0;
+  ODBViewInternal::setConditionAndOrder(*v.rep(), &condition, &order);
+  v->buildIndex();
+  ODBViewInternal::setConditionAndOrder(*v.rep(), nullptr, nullptr);
+  zyl::setSplatHandler(previous);
+  EXPECT_EQ(v->get_num_records(), 3u);  // every row satisfies it all the same
+  ASSERT_EQ(splats.size(), 4u);
+  EXPECT_EQ(splats[0], "ODBViewRep::satisfiesCondition, not implemented\n");
+  EXPECT_EQ(splats[3], "ODBViewRep::sortIndex(), not implemented!\n");
 }
 
 }  // namespace

@@ -36,11 +36,49 @@ class ZYLDB_EXPORT TextFile {
   // old file, if any, is then unchanged and no temporary file is left).
   bool save(const LightweightString<wchar_t>& name, eEOLStyle style = eLF) const;
 
+  // Memory exhaustion leaves the file as it was.
   void appendLine(const LightweightString<char>& line);
   void appendLine(std::string_view line);
   // Resolves appendLine("literal"), which the two above make ambiguous; null
   // appends an empty line.
   void appendLine(const char* line) { appendLine(line ? std::string_view(line) : std::string_view()); }
+
+  // Makes room for `lines` more lines holding `bytes` bytes of text in all,
+  // so that appending them moves no text. Changes nothing else.
+  void reserve(size_t lines, size_t bytes);
+
+  // Builds one line in place at the end of the file, without an intermediate
+  // copy: the bytes appended to the builder are the line's, and finish()
+  // adds the line. A builder destroyed without finish() (memory exhaustion
+  // while building, say) leaves the file as it was. While a builder is
+  // alive, its file may not be used otherwise.
+  class ZYLDB_EXPORT LineBuilder {
+   public:
+    explicit LineBuilder(TextFile& f) : file_(f), start_(f.buf_.size()) {}
+    LineBuilder(const LineBuilder&) = delete;
+    LineBuilder& operator=(const LineBuilder&) = delete;
+    ~LineBuilder() {
+      if (!finished_) file_.buf_.resize(start_);
+    }
+
+    void append(std::string_view s) { file_.buf_.append(s); }
+    // Appends n bytes for the caller to fill in place and returns the first;
+    // valid until the builder is next used.
+    char* extend(size_t n) {
+      const size_t at = file_.buf_.size();
+      file_.buf_.resize(at + n);
+      return file_.buf_.data() + at;
+    }
+    // Removes the last n bytes. REQUIRES: n <= the bytes appended so far.
+    void shrink(size_t n) { file_.buf_.resize(file_.buf_.size() - n); }
+    // Adds the line. REQUIRES: not called before on this builder.
+    void finish();
+
+   private:
+    TextFile& file_;
+    size_t start_;
+    bool finished_ = false;
+  };
 
   // Line n as NUL-terminated text; "" for n at or past the end. Valid until
   // the file is next changed. A NUL byte inside a line ends the text here.
@@ -60,6 +98,13 @@ class ZYLDB_EXPORT TextFile {
   void setCurrentLine(uint32_t n) { currentLine = n; }
 
  private:
-  std::string buf_;             // every line followed by one NUL
+  // Writes `size` bytes to a temporary file beside `name` and renames it
+  // over `name`; on failure removes the temporary file and returns false.
+  static bool writeAtomically(const LightweightString<wchar_t>& name, const char* text,
+                              size_t size);
+
+  // Every line followed by one NUL. save() turns those NULs into line feeds
+  // while it writes and back before it returns.
+  mutable std::string buf_;
   std::vector<size_t> starts_;  // offset of each line in buf_
 };
