@@ -3,6 +3,8 @@
 
 #include <zyldb/platform/TextFile.h>
 
+#include <sys/mman.h>
+
 #include <atomic>
 #include <cstring>
 #include <string>
@@ -128,6 +130,11 @@ void TextFile::LineBuilder::finish() {
 void TextFile::reserve(size_t lines, size_t bytes) {
   starts_.reserve(starts_.size() + lines);
   buf_.reserve(buf_.size() + bytes + lines);
+  // EXPERIMENT: prefault
+  const size_t page = 4096;
+  uintptr_t b = (reinterpret_cast<uintptr_t>(buf_.data() + buf_.size()) + page - 1) & ~(page - 1);
+  uintptr_t e = reinterpret_cast<uintptr_t>(buf_.data() + buf_.capacity()) & ~(page - 1);
+  if (e > b + (1u << 20)) (void)madvise(reinterpret_cast<void*>(b), e - b, MADV_POPULATE_WRITE);
 }
 
 const char* TextFile::line(unsigned int n) const {
