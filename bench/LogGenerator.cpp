@@ -7,48 +7,76 @@
 namespace zyl {
 
 const LogColumn kLogColumns[kLogNumColumns] = {
-    {"Name", "text", 32},         {"Cookie", "text", 12},
-    {"Reel", "text", 10},         {"Scene", "text", 24},
-    {"Shot", "text", 24},         {"Take", "text", 4},
-    {"Start time", "timecode", 12}, {"End time", "timecode", 12},
-    {"snd start", "timecode", 12},  {"snd end", "timecode", 12},
-    {"snd reel", "text", 10},     {"start keycode", "text", 17},
-    {"end keycode", "text", 17},  {"Who", "text", 24},
-    {"Description", "text", 64},  {"Notes", "text", 100},
+    {"Name", "text", 32},           {"Cookie", "text", 12},       {"Reel", "text", 10},
+    {"Scene", "text", 24},          {"Shot", "text", 24},         {"Take", "text", 4},
+    {"Start time", "timecode", 12}, {"End time", "timecode", 12}, {"snd start", "timecode", 12},
+    {"snd end", "timecode", 12},    {"snd reel", "text", 10},     {"start keycode", "text", 17},
+    {"end keycode", "text", 17},    {"Who", "text", 24},          {"Description", "text", 64},
+    {"Notes", "text", 100},
 };
 
 namespace {
 
 enum Column {
-  kName, kCookie, kReel, kScene, kShot, kTake, kStart, kEnd,
-  kSndStart, kSndEnd, kSndReel, kStartKeycode, kEndKeycode, kWho, kDescription, kNotes,
+  kName,
+  kCookie,
+  kReel,
+  kScene,
+  kShot,
+  kTake,
+  kStart,
+  kEnd,
+  kSndStart,
+  kSndEnd,
+  kSndReel,
+  kStartKeycode,
+  kEndKeycode,
+  kWho,
+  kDescription,
+  kNotes,
 };
 
-const char* const kPeople[] = {"Dana", "Lee", "Sam Ortiz", "J. Whitfield", "Priya", "Kofi", "M. Laurent", "Ines"};
+const char* const kPeople[] = {"Dana",  "Lee",  "Sam Ortiz",  "J. Whitfield",
+                               "Priya", "Kofi", "M. Laurent", "Ines"};
 
 const char* const kShots[] = {
-    "Wide master", "Medium", "Close on Tom", "Close on Maria", "Over the shoulder", "Two-shot",
-    "Insert", "POV from the car", "Cutaway", "Tracking shot", "Crane down", "Handheld",
-    "Extreme close-up", "Reverse", "Establishing",
+    "Wide master", "Medium",   "Close on Tom",     "Close on Maria", "Over the shoulder",
+    "Two-shot",    "Insert",   "POV from the car", "Cutaway",        "Tracking shot",
+    "Crane down",  "Handheld", "Extreme close-up", "Reverse",        "Establishing",
 };
 const char* const kPlaces[] = {
-    "kitchen", "porch at dusk", "hallway", "bedroom", "diner interior", "bus stop at night",
-    "parking lot", "rooftop", "stairwell", "car interior", "office", "beach, overcast",
+    "kitchen",        "porch at dusk",     "hallway",     "bedroom",
+    "diner interior", "bus stop at night", "parking lot", "rooftop",
+    "stairwell",      "car interior",      "office",      "beach, overcast",
 };
 const char* const kActions[] = {
-    "enters from the hall", "crosses to the window", "sits, lights a cigarette", "phone rings",
-    "door slams off", "rain on the glass", "looks back", "drops the keys", "laughs", "long pause",
-    "car pulls up", "lights flicker", "reads the letter", "walks out of frame", "turns to camera",
+    "enters from the hall", "crosses to the window", "sits, lights a cigarette",
+    "phone rings",          "door slams off",        "rain on the glass",
+    "looks back",           "drops the keys",        "laughs",
+    "long pause",           "car pulls up",          "lights flicker",
+    "reads the letter",     "walks out of frame",    "turns to camera",
 };
 const char* const kLines[] = {
-    "not tonight", "I said I'd call", "fine, fine", "we close at ten, hon", "refill?",
-    "you knew", "where were you", "keep the change", "it's not about the money",
+    "not tonight", "I said I'd call", "fine, fine",      "we close at ten, hon",     "refill?",
+    "you knew",    "where were you",  "keep the change", "it's not about the money",
 };
 const char* const kRemarks[] = {
-    "Circle take", "NG sound", "Best read", "Soft focus at head", "Boom in frame",
-    "Use for the cut", "Dolly bump", "Plane overhead", "PU", "Wild sound after",
-    "Reflection of crew, check", "Tail slate", "Light is practical, not a fault",
-    "Slate missing; see sound report", "Good for the exit", "Silent take",
+    "Circle take",
+    "NG sound",
+    "Best read",
+    "Soft focus at head",
+    "Boom in frame",
+    "Use for the cut",
+    "Dolly bump",
+    "Plane overhead",
+    "PU",
+    "Wild sound after",
+    "Reflection of crew, check",
+    "Tail slate",
+    "Light is practical, not a fault",
+    "Slate missing; see sound report",
+    "Good for the exit",
+    "Silent take",
 };
 
 constexpr long long kFramesPerTenDropMinutes = 17982;
@@ -65,8 +93,8 @@ std::string timecodeText(long long frame, int fps, bool dropFrame) {
   }
   long long secs = frame / fps;
   char buf[32];
-  std::snprintf(buf, sizeof buf, "%02lld:%02lld:%02lld%c%02lld", secs / 3600 % 24, secs / 60 % 60, secs % 60,
-                dropFrame ? ';' : ':', frame % fps);
+  std::snprintf(buf, sizeof buf, "%02lld:%02lld:%02lld%c%02lld", secs / 3600 % 24, secs / 60 % 60,
+                secs % 60, dropFrame ? ';' : ':', frame % fps);
   return buf;
 }
 
@@ -115,7 +143,8 @@ void LogGenerator::startReel() {
   // Each reel starts on its own hour; a reel holds well under two hours, so
   // its timecodes never pass midnight.
   int hour = 1 + (reelNumber_ - 1) % 20;
-  videoFrame_ = dropFrame_ ? static_cast<long long>(hour) * 107892 : static_cast<long long>(hour) * 108000;
+  videoFrame_ =
+      dropFrame_ ? static_cast<long long>(hour) * 107892 : static_cast<long long>(hour) * 108000;
   soundFrame_ = static_cast<long long>(hour) * 108000 + between(0, 600) * 30;
   // Keycode feet stay below 10000 over a whole reel.
   filmFrame_ = static_cast<long long>(between(100, 2000)) * 16;
@@ -215,10 +244,11 @@ void LogGenerator::next(std::vector<std::string>& cells) {
   // Labels made up for a quick log carry no keycodes.
   if (!chance(3)) {
     long long end = filmFrame_ + filmFrames;
-    std::snprintf(buf, sizeof buf, "KU %02d %04d %04lld+%02lld", keycodePrefix_, keycodeRoll_, filmFrame_ / 16,
-                  filmFrame_ % 16);
+    std::snprintf(buf, sizeof buf, "KU %02d %04d %04lld+%02lld", keycodePrefix_, keycodeRoll_,
+                  filmFrame_ / 16, filmFrame_ % 16);
     cells[kStartKeycode] = buf;
-    std::snprintf(buf, sizeof buf, "KU %02d %04d %04lld+%02lld", keycodePrefix_, keycodeRoll_, end / 16, end % 16);
+    std::snprintf(buf, sizeof buf, "KU %02d %04d %04lld+%02lld", keycodePrefix_, keycodeRoll_,
+                  end / 16, end % 16);
     cells[kEndKeycode] = buf;
   }
   filmFrame_ += filmFrames + 16 * between(1, 4);
@@ -234,14 +264,17 @@ struct FileCloser {
   void operator()(std::FILE* f) const { std::fclose(f); }
 };
 
-bool writeAll(std::FILE* f, const std::string& s) { return std::fwrite(s.data(), 1, s.size(), f) == s.size(); }
+bool writeAll(std::FILE* f, const std::string& s) {
+  return std::fwrite(s.data(), 1, s.size(), f) == s.size();
+}
 
 }  // namespace
 
 bool writeGeneratedLog(const std::string& path, size_t rows, uint64_t seed) {
   // First pass: the widths line needs each column's longest value.
   size_t widths[kLogNumColumns];
-  for (size_t c = 0; c < kLogNumColumns; ++c) widths[c] = static_cast<size_t>(kLogColumns[c].minWidth);
+  for (size_t c = 0; c < kLogNumColumns; ++c)
+    widths[c] = static_cast<size_t>(kLogColumns[c].minWidth);
   std::vector<std::string> cells;
   {
     LogGenerator gen(seed);
@@ -256,8 +289,8 @@ bool writeGeneratedLog(const std::string& path, size_t rows, uint64_t seed) {
   {
     std::unique_ptr<std::FILE, FileCloser> f(std::fopen(tmp.c_str(), "wb"));
     if (!f) return false;
-    std::string text = "\"ZYLDB:Rev 1\"\n\"owner:generated log, seed " + std::to_string(seed) + ", " +
-                       std::to_string(rows) + " rows\"\n\"ZYLDB\"\n";
+    std::string text = "\"ZYLDB:Rev 1\"\n\"owner:generated log, seed " + std::to_string(seed) +
+                       ", " + std::to_string(rows) + " rows\"\n\"ZYLDB\"\n";
     std::string widthsLine, typesLine, namesLine;
     for (size_t c = 0; c < kLogNumColumns; ++c) {
       const char* sep = c + 1 < kLogNumColumns ? "," : "";

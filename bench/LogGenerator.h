@@ -50,7 +50,9 @@ class LogGenerator {
   // A uniformly drawn number in [lo, hi]. REQUIRES: lo <= hi.
   int between(int lo, int hi);
   bool chance(int percent) { return between(0, 99) < percent; }
-  const char* pick(const char* const* list, size_t n) { return list[between(0, static_cast<int>(n) - 1)]; }
+  const char* pick(const char* const* list, size_t n) {
+    return list[between(0, static_cast<int>(n) - 1)];
+  }
   void startReel();
   void nextScene();
   std::string description();
@@ -139,8 +141,8 @@ size_t splitRecordLine(std::string_view line, std::string& scratch, OnField&& on
       onField(line.substr(start, i - start));
     }
     if (i >= n) return count;
-    ++i;  // the comma
-    if (i >= n) return count;  // a trailing comma ends the line
+    // Past the comma; one at the very end of the line yields no field.
+    if (++i >= n) return count;
   }
 }
 

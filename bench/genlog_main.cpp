@@ -33,11 +33,13 @@ int main(int argc, char** argv) {
   unsigned long long rows = 0;
   unsigned long long seed = 1;
   if (!parseCount(argv[1], rows)) {
-    std::fprintf(stderr, "zyldb_genlog: ROWS must be a non-negative whole number, not '%s'\n", argv[1]);
+    std::fprintf(stderr, "zyldb_genlog: ROWS must be a non-negative whole number, not '%s'\n",
+                 argv[1]);
     return 2;
   }
   if (argc == 4 && !parseCount(argv[3], seed)) {
-    std::fprintf(stderr, "zyldb_genlog: SEED must be a non-negative whole number, not '%s'\n", argv[3]);
+    std::fprintf(stderr, "zyldb_genlog: SEED must be a non-negative whole number, not '%s'\n",
+                 argv[3]);
     return 2;
   }
   if (!zyl::writeGeneratedLog(argv[2], static_cast<size_t>(rows), seed)) {

@@ -34,13 +34,17 @@
 //               file into the engine (counter "rss_MB") and the growth of the
 //               peak (counter "peak_MB").
 
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <benchmark/benchmark.h>
+#include <zyldb/db/DBFieldTypes.h>
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/db/zyldb.h>
+#include <zyldb/platform/Cookie.h>
+#include <zyldb/platform/LightweightString.h>
 
 #include <climits>
 #include <cstdio>
@@ -51,12 +55,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <zyldb/db/DBFieldTypes.h>
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/db/zyldb.h>
-#include <zyldb/platform/Cookie.h>
-#include <zyldb/platform/LightweightString.h>
 
 #include "LogGenerator.h"
 
@@ -82,8 +80,8 @@ const std::string& logFile(size_t rows) {
   static std::vector<std::pair<size_t, std::string>> known;
   for (auto& [n, path] : known)
     if (n == rows) return path;
-  std::string path = benchDir() + "/clips-g" + std::to_string(kGeneratorVersion) + "-s" + std::to_string(kSeed) +
-                     "-" + std::to_string(rows) + ".log";
+  std::string path = benchDir() + "/clips-g" + std::to_string(kGeneratorVersion) + "-s" +
+                     std::to_string(kSeed) + "-" + std::to_string(rows) + ".log";
   struct stat st;
   if (::stat(path.c_str(), &st) != 0 && !zyl::writeGeneratedLog(path, rows, kSeed)) {
     std::fprintf(stderr, "table_bench: cannot write %s\n", path.c_str());
@@ -238,6 +236,7 @@ SortableTable& sortableTable(size_t rows) {
 void BM_Zyldb_Load(benchmark::State& state) {
   const size_t rows = static_cast<size_t>(state.range(0));
   const std::string& path = logFile(rows);
+  // Drop any cached engine: loads are measured without one in memory.
   cache().get<int>("none", [] { return std::make_unique<int>(0); });
   for (auto _ : state) {
     auto t = std::make_unique<zyldb>(widePath(path), INT_MAX, false);
@@ -295,7 +294,9 @@ void BM_Zyldb_Search(benchmark::State& state) {
 // The "Name" of the row five from the end: names are unique in generated
 // logs, so a search for it scans nearly every row.
 std::string lateName(zyldb& t) {
-  return std::string(t.getField(t.get_num_records() - 5, static_cast<unsigned int>(t.get_fieldnum("Name"))).view());
+  return std::string(
+      t.getField(t.get_num_records() - 5, static_cast<unsigned int>(t.get_fieldnum("Name")))
+          .view());
 }
 
 void BM_Zyldb_FindFirst(benchmark::State& state) {
@@ -306,11 +307,13 @@ void BM_Zyldb_FindFirst(benchmark::State& state) {
     row = t.findFirst("Name", name.c_str(), 0);
     benchmark::DoNotOptimize(row);
   }
-  if (row != static_cast<int>(t.get_num_records()) - 5) state.SkipWithError("findFirst found the wrong row");
+  if (row != static_cast<int>(t.get_num_records()) - 5)
+    state.SkipWithError("findFirst found the wrong row");
 }
 
 // Every n/1000th row's identifier, in a scattered order.
-std::vector<std::string> sampleCookies(const std::function<std::string(size_t)>& cookieAt, size_t rows) {
+std::vector<std::string> sampleCookies(const std::function<std::string(size_t)>& cookieAt,
+                                       size_t rows) {
   std::vector<std::string> ids;
   const size_t step = rows / 1000 ? rows / 1000 : 1;
   for (size_t r = 0; r < rows; r += step) ids.push_back(cookieAt(r));
@@ -323,8 +326,11 @@ void BM_Zyldb_LookupById(benchmark::State& state) {
   zyldb& t = loadedTable(rows);
   const unsigned int col = static_cast<unsigned int>(t.get_fieldnum("Cookie"));
   std::vector<Cookie> ids;
-  for (const std::string& text :
-       sampleCookies([&](size_t r) { return std::string(t.getField(static_cast<unsigned int>(r), col).view()); }, rows))
+  for (const std::string& text : sampleCookies(
+           [&](size_t r) {
+             return std::string(t.getField(static_cast<unsigned int>(r), col).view());
+           },
+           rows))
     ids.emplace_back(text.c_str(), false);
   t.getRowIndexByID(ids[0]);  // builds the cache
   size_t i = 0;
@@ -334,7 +340,8 @@ void BM_Zyldb_LookupById(benchmark::State& state) {
     found += row >= 0;
     if (++i == ids.size()) i = 0;
   }
-  if (found != static_cast<long>(state.iterations())) state.SkipWithError("an identifier was not found");
+  if (found != static_cast<long>(state.iterations()))
+    state.SkipWithError("an identifier was not found");
 }
 
 // ---- SQLite -------------------------------------------------------------------
@@ -355,7 +362,9 @@ void sqliteCheck(sqlite3* db, int rc, const char* what) {
   }
 }
 
-void exec(sqlite3* db, const char* sql) { sqliteCheck(db, sqlite3_exec(db, sql, nullptr, nullptr, nullptr), sql); }
+void exec(sqlite3* db, const char* sql) {
+  sqliteCheck(db, sqlite3_exec(db, sql, nullptr, nullptr, nullptr), sql);
+}
 
 Stmt prepare(sqlite3* db, const char* sql) {
   sqlite3_stmt* s = nullptr;
@@ -364,8 +373,9 @@ Stmt prepare(sqlite3* db, const char* sql) {
 }
 
 constexpr const char* kSqlColumns[zyl::kLogNumColumns] = {
-    "name",      "cookie",  "reel",     "scene",         "shot",        "take", "start_time",  "end_time",
-    "snd_start", "snd_end", "snd_reel", "start_keycode", "end_keycode", "who",  "description", "notes",
+    "name",        "cookie",   "reel",        "scene",   "shot",     "take",
+    "start_time",  "end_time", "snd_start",   "snd_end", "snd_reel", "start_keycode",
+    "end_keycode", "who",      "description", "notes",
 };
 
 // An in-memory database with the rows of the log at `path`, built the way
@@ -419,7 +429,8 @@ Db sqliteLoad(const std::string& path, size_t* rowsOut) {
 }
 
 sqlite3* loadedDb(size_t rows) {
-  return cache().get<sqlite3>("sqlite-" + std::to_string(rows), [rows] { return sqliteLoad(logFile(rows), nullptr); });
+  return cache().get<sqlite3>("sqlite-" + std::to_string(rows),
+                              [rows] { return sqliteLoad(logFile(rows), nullptr); });
 }
 
 void BM_Sqlite_Load(benchmark::State& state) {
@@ -446,7 +457,8 @@ void BM_Sqlite_Save(benchmark::State& state) {
   sqlite3* db = loadedDb(rows);
   const std::string out = outFile("sqlite");
   std::string sql = "SELECT ";
-  for (size_t c = 0; c < zyl::kLogNumColumns; ++c) sql += std::string(c ? "," : "") + kSqlColumns[c];
+  for (size_t c = 0; c < zyl::kLogNumColumns; ++c)
+    sql += std::string(c ? "," : "") + kSqlColumns[c];
   Stmt stmt = prepare(db, (sql + " FROM clips ORDER BY rowid").c_str());
   sqlite3_stmt* s = stmt.get();
   for (auto _ : state) {
@@ -458,9 +470,12 @@ void BM_Sqlite_Save(benchmark::State& state) {
         const char* v = reinterpret_cast<const char*>(sqlite3_column_text(s, c));
         for (int i = 0, n = sqlite3_column_bytes(s, c); i < n; ++i) {
           char ch = v[i];
-          if (ch == '"') text += "\"\"";
-          else if (ch == '\n') text += "\\n";
-          else if (ch != '\r') text.push_back(ch);
+          if (ch == '"')
+            text += "\"\"";
+          else if (ch == '\n')
+            text += "\\n";
+          else if (ch != '\r')
+            text.push_back(ch);
         }
         text.push_back('"');
       }
@@ -477,7 +492,8 @@ void sqliteSort(benchmark::State& state, const char* sql) {
   std::vector<sqlite3_int64> order;
   for (auto _ : state) {
     order.clear();
-    while (sqlite3_step(stmt.get()) == SQLITE_ROW) order.push_back(sqlite3_column_int64(stmt.get(), 0));
+    while (sqlite3_step(stmt.get()) == SQLITE_ROW)
+      order.push_back(sqlite3_column_int64(stmt.get(), 0));
     sqlite3_reset(stmt.get());
     benchmark::DoNotOptimize(order.data());
   }
@@ -509,15 +525,16 @@ std::string sqliteText(sqlite3* db, const char* sql, sqlite3_int64 arg) {
   Stmt stmt = prepare(db, sql);
   sqlite3_bind_int64(stmt.get(), 1, arg);
   std::string out;
-  if (sqlite3_step(stmt.get()) == SQLITE_ROW) out = reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0));
+  if (sqlite3_step(stmt.get()) == SQLITE_ROW)
+    out = reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0));
   return out;
 }
 
 void BM_Sqlite_FindFirst(benchmark::State& state) {
   const size_t rows = static_cast<size_t>(state.range(0));
   sqlite3* db = loadedDb(rows);
-  const std::string name =
-      sqliteText(db, "SELECT name FROM clips WHERE rowid = ?1", static_cast<sqlite3_int64>(rows) - 4);
+  const std::string name = sqliteText(db, "SELECT name FROM clips WHERE rowid = ?1",
+                                      static_cast<sqlite3_int64>(rows) - 4);
   Stmt stmt = prepare(db, "SELECT rowid FROM clips WHERE name = ?1 LIMIT 1");
   sqlite3_bind_text(stmt.get(), 1, name.c_str(), -1, SQLITE_STATIC);
   sqlite3_int64 row = -1;
@@ -534,7 +551,8 @@ void BM_Sqlite_LookupById(benchmark::State& state) {
   exec(db, "CREATE INDEX IF NOT EXISTS clips_cookie ON clips(cookie)");
   std::vector<std::string> ids = sampleCookies(
       [&](size_t r) {
-        return sqliteText(db, "SELECT cookie FROM clips WHERE rowid = ?1", static_cast<sqlite3_int64>(r) + 1);
+        return sqliteText(db, "SELECT cookie FROM clips WHERE rowid = ?1",
+                          static_cast<sqlite3_int64>(r) + 1);
       },
       rows);
   Stmt stmt = prepare(db, "SELECT rowid FROM clips WHERE cookie = ?1");
@@ -547,7 +565,8 @@ void BM_Sqlite_LookupById(benchmark::State& state) {
     sqlite3_reset(s);
     if (++i == ids.size()) i = 0;
   }
-  if (found != static_cast<long>(state.iterations())) state.SkipWithError("an identifier was not found");
+  if (found != static_cast<long>(state.iterations()))
+    state.SkipWithError("an identifier was not found");
 }
 
 // ---- The floor ----------------------------------------------------------------
@@ -560,7 +579,8 @@ void BM_Floor_Load(benchmark::State& state) {
     if (!readWholeFile(path, text)) state.SkipWithError("read failed");
     fields = 0;
     forEachLine(text, [&](std::string_view line) {
-      fields += zyl::splitRecordLine(line, scratch, [](std::string_view v) { benchmark::DoNotOptimize(v.data()); });
+      fields += zyl::splitRecordLine(
+          line, scratch, [](std::string_view v) { benchmark::DoNotOptimize(v.data()); });
     });
     benchmark::DoNotOptimize(fields);
     state.PauseTiming();
@@ -589,7 +609,8 @@ long statusKb(const char* key) {
   long value = -1;
   const size_t n = std::strlen(key);
   while (std::fgets(line, sizeof line, f)) {
-    if (std::strncmp(line, key, n) == 0 && line[n] == ':') value = std::strtol(line + n + 1, nullptr, 10);
+    if (std::strncmp(line, key, n) == 0 && line[n] == ':')
+      value = std::strtol(line + n + 1, nullptr, 10);
   }
   std::fclose(f);
   return value;
@@ -627,7 +648,8 @@ void resident(benchmark::State& state, const char* engine) {
       ::dup2(fds[1], 1);
       ::close(fds[0]);
       ::close(fds[1]);
-      ::execl("/proc/self/exe", "table_bench", "--resident", engine, path.c_str(), static_cast<char*>(nullptr));
+      ::execl("/proc/self/exe", "table_bench", "--resident", engine, path.c_str(),
+              static_cast<char*>(nullptr));
       ::_exit(127);
     }
     ::close(fds[1]);
@@ -639,7 +661,8 @@ void resident(benchmark::State& state, const char* engine) {
     ::close(fds[0]);
     int status = 0;
     if (pid > 0) ::waitpid(pid, &status, 0);
-    if (pid < 0 || std::sscanf(buf, "%ld %ld", &rssKb, &peakKb) != 2) state.SkipWithError("the child failed");
+    if (pid < 0 || std::sscanf(buf, "%ld %ld", &rssKb, &peakKb) != 2)
+      state.SkipWithError("the child failed");
   }
   state.counters["rss_MB"] = static_cast<double>(rssKb) / 1024.0;
   state.counters["peak_MB"] = static_cast<double>(peakKb) / 1024.0;

@@ -88,13 +88,17 @@ inline const char* skipPlain(const char* p, const char* end, uint8_t stops) {
   return p;
 }
 
-// Whether any of the n bytes at p is in kEscaped. Eight bytes at a time,
-// the last word overlapping the one before: most values need no escaping.
-inline bool containsEscaped(const char* p, size_t n) {
+// Copies the n bytes at p to out, unless one of them is in kEscaped; returns
+// whether it copied (it may have written some of them when it did not).
+// Eight bytes at a time, the last word overlapping the one before, so that
+// nothing outside the value is read and nothing past out + n written.
+inline bool copyUnescaped(char* out, const char* p, size_t n) {
   if (n < 8) {
-    for (size_t i = 0; i < n; ++i)
-      if (is(p[i], kEscaped)) return true;
-    return false;
+    for (size_t i = 0; i < n; ++i) {
+      if (is(p[i], kEscaped)) return false;
+      out[i] = p[i];
+    }
+    return true;
   }
   constexpr uint64_t kOnes = 0x0101010101010101u;
   constexpr uint64_t kHighs = 0x8080808080808080u;
@@ -107,10 +111,13 @@ inline bool containsEscaped(const char* p, size_t n) {
   uint64_t word;
   for (size_t i = 0; i + 8 <= n; i += 8) {
     std::memcpy(&word, p + i, 8);
-    if (escaped(word)) return true;
+    if (escaped(word)) return false;
+    std::memcpy(out + i, &word, 8);
   }
   std::memcpy(&word, p + n - 8, 8);
-  return escaped(word) != 0;
+  if (escaped(word)) return false;
+  std::memcpy(out + n - 8, &word, 8);
+  return true;
 }
 
 // A value being read. While it is one unbroken stretch of the line it stays
@@ -359,8 +366,7 @@ int dbrecord::write(TextFile& f) const {
     *out++ = '"';
     const char* p = fields_[i].c_str();
     const size_t n = fields_[i].size();
-    if (!containsEscaped(p, n)) {
-      std::memcpy(out, p, n);
+    if (copyUnescaped(out, p, n)) {
       out += n;
     } else {
       for (const char* end = p + n; p < end; ++p) {

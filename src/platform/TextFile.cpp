@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 
 #include <atomic>
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -130,11 +131,17 @@ void TextFile::LineBuilder::finish() {
 void TextFile::reserve(size_t lines, size_t bytes) {
   starts_.reserve(starts_.size() + lines);
   buf_.reserve(buf_.size() + bytes + lines);
-  // EXPERIMENT: prefault
-  const size_t page = 4096;
-  uintptr_t b = (reinterpret_cast<uintptr_t>(buf_.data() + buf_.size()) + page - 1) & ~(page - 1);
-  uintptr_t e = reinterpret_cast<uintptr_t>(buf_.data() + buf_.capacity()) & ~(page - 1);
-  if (e > b + (1u << 20)) (void)madvise(reinterpret_cast<void*>(b), e - b, MADV_POPULATE_WRITE);
+#if defined(MADV_POPULATE_WRITE)
+  // A large text is about to be written into the new room page by page.
+  // Asking for all its pages at once costs far less than one page fault per
+  // page; kernels without the request refuse it, which changes nothing.
+  constexpr size_t kPage = 4096;
+  constexpr size_t kPopulateFrom = size_t{1} << 20;
+  const uintptr_t from = (reinterpret_cast<uintptr_t>(buf_.data() + buf_.size()) + kPage - 1) & ~(kPage - 1);
+  const uintptr_t to = reinterpret_cast<uintptr_t>(buf_.data() + buf_.capacity()) & ~(kPage - 1);
+  if (to > from && to - from >= kPopulateFrom)
+    (void)::madvise(reinterpret_cast<void*>(from), to - from, MADV_POPULATE_WRITE);
+#endif
 }
 
 const char* TextFile::line(unsigned int n) const {

@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/db/zyldb.h>
+#include <zyldb/platform/TextFile.h>
 
 #include <cctype>
 #include <climits>
@@ -12,10 +15,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/db/zyldb.h>
-#include <zyldb/platform/TextFile.h>
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
@@ -55,7 +54,9 @@ std::vector<std::string> split(std::string_view line) {
 // Frames of a punctuated timecode at 30 labels per second; drop-frame labels
 // are compared as labels, which order like the frames they stand for.
 long labelValue(const std::string& tc) {
-  return ((std::stol(tc.substr(0, 2)) * 60 + std::stol(tc.substr(3, 2))) * 60 + std::stol(tc.substr(6, 2))) * 30 +
+  return ((std::stol(tc.substr(0, 2)) * 60 + std::stol(tc.substr(3, 2))) * 60 +
+          std::stol(tc.substr(6, 2))) *
+             30 +
          std::stol(tc.substr(9, 2));
 }
 
@@ -72,10 +73,12 @@ TEST(TimecodeText, NonDropAndDropFrameLabels) {
     bool drop;
     const char* text;
   } cases[] = {
-      {0, 30, false, "00:00:00:00"},     {108000, 30, false, "01:00:00:00"}, {24 * 61 + 5, 24, false, "00:01:01:05"},
-      {0, 30, true, "00:00:00;00"},      {1799, 30, true, "00:00:59;29"},    {1800, 30, true, "00:01:00;02"},
-      {3597, 30, true, "00:01:59;29"},   {3598, 30, true, "00:02:00;02"},    {17981, 30, true, "00:09:59;29"},
-      {17982, 30, true, "00:10:00;00"},  {107892, 30, true, "01:00:00;00"},
+      {0, 30, false, "00:00:00:00"},           {108000, 30, false, "01:00:00:00"},
+      {24 * 61 + 5, 24, false, "00:01:01:05"}, {0, 30, true, "00:00:00;00"},
+      {1799, 30, true, "00:00:59;29"},         {1800, 30, true, "00:01:00;02"},
+      {3597, 30, true, "00:01:59;29"},         {3598, 30, true, "00:02:00;02"},
+      {17981, 30, true, "00:09:59;29"},        {17982, 30, true, "00:10:00;00"},
+      {107892, 30, true, "01:00:00;00"},
   };
   for (const Case& c : cases)
     EXPECT_EQ(zyl::timecodeText(c.frame, c.fps, c.drop), c.text) << c.frame << " at " << c.fps;
@@ -173,7 +176,8 @@ TEST_F(LogGeneratorTest, LogLoadsAndSavesUnchanged) {
     f.currentLine = 6 + r;
     std::vector<std::string> fields = split(f.line(f.currentLine));
     ASSERT_EQ(rec.read(f), static_cast<int>(fields.size()));
-    for (unsigned int c = 0; c < fields.size(); ++c) ASSERT_EQ(rec.getField(static_cast<unsigned short>(c)).view(), fields[c]);
+    for (unsigned int c = 0; c < fields.size(); ++c)
+      ASSERT_EQ(rec.getField(static_cast<unsigned short>(c)).view(), fields[c]);
   }
 
   // Saving the loaded table gives the file back byte for byte: the widths

@@ -59,6 +59,10 @@ TEST(DbRecordLine, WriteEscapesInsideQuotes) {
       {{"a\r\nb", std::string("n\0ul", 4)}, R"("a\nb","nul")"},
       {{"back\\slash", "lit\\n", ""}, R"("back\slash","lit\n","")"},
       {{}, ""},
+      // Values of eight bytes and more are checked a word at a time.
+      {{"12345678\"", "abcdefghijklmno\r", "\xC3\xA9\xFF\x80\x7F\x01\t\x1F"},
+       "\"12345678\"\"\",\"abcdefghijklmno\",\"\xC3\xA9\xFF\x80\x7F\x01\t\x1F\""},
+      {{"a-long-value-with\na-break-late"}, R"("a-long-value-with\na-break-late")"},
   };
   for (const Case& c : cases) {
     dbrecord r = makeRecord(c.vals);
@@ -88,6 +92,17 @@ TEST(DbRecordLine, ReadFollowsTheLineRules) {
       {v4095 + "v", 1, {v4095}},
       {'"' + v4095 + R"(","b")", 2, {v4095, "b"}},  // a full value keeps its comma
       {'"' + v5000 + R"(","b")", 3, {v4095, v904, "b"}},
+      // Runs longer than sixteen bytes, with the stops late in them.
+      {R"("quoted, with commas, past sixteen bytes",x)", 2,
+       {"quoted, with commas, past sixteen bytes", "x"}},
+      {R"(unquoted value longer than sixteen,and more)", 2,
+       {"unquoted value longer than sixteen", "and more"}},
+      {R"("a plain stretch then an escape 
+ and ""more""   ")", 1,
+       {"a plain stretch then an escape \n and \"more\""}},
+      {R"("\nstarts with a break","""quoted""")", 2, {"\nstarts with a break", "\"quoted\""}},
+      // A doubled quote fills the value; the byte after it is the separator.
+      {'"' + std::string(4094, 'v') + R"(""x",y)", 2, {std::string(4094, 'v') + '"', ",y"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.line.substr(0, 40));

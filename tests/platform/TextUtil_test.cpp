@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -16,8 +17,7 @@ int sign(int v) { return (v > 0) - (v < 0); }
 
 TEST(StrxcmpTest, OrderTable) {
   struct Case {
-    const char* a;
-    const char* b;
+    const char *a, *b;
     int expected;
   } cases[] = {
       {"", "", 0},
@@ -63,7 +63,7 @@ TEST(StrxcmpTest, IsAStrictWeakOrderOnRandomTexts) {
       ASSERT_LE(strxcmp(texts[i].c_str(), texts[j].c_str()), 0) << texts[i] << " / " << texts[j];
 }
 
-TEST(TextUtilTest, EssentiallyEmptyAndLower) {
+TEST(TextUtilTest, EssentiallyEmptyLowerAndStrip) {
   EXPECT_TRUE(isEssentiallyEmpty(LS()));
   EXPECT_TRUE(isEssentiallyEmpty(" \t\r\n"));
   EXPECT_TRUE(isEssentiallyEmpty(static_cast<const char*>(nullptr)));
@@ -72,6 +72,10 @@ TEST(TextUtilTest, EssentiallyEmptyAndLower) {
   EXPECT_EQ(toLower(LS("MiXeD 12 \xc9")), "mixed 12 \xc9");
   LS lower("already");
   EXPECT_EQ(toLower(lower).c_str(), lower.c_str());  // shared, not copied
+  for (auto [in, out] : {std::pair{L"/bins/M0a1b.bsg", L"M0a1b"}, {L"name", L"name"},
+                         {L"dir.x/name", L"name"}, {L"a.b.c", L"a.b"}, {L"/x/.hidden", L".hidden"},
+                         {L"/x/", L""}})
+    EXPECT_EQ(stripPathAndExt(WS(in)).view(), out);
 }
 
 TEST(TextUtilTest, Utf8BothWays) {
@@ -86,42 +90,29 @@ TEST(TextUtilTest, Utf8BothWays) {
   EXPECT_EQ(toUTF8(WS(std::wstring(1, static_cast<wchar_t>(0x110000)))), "\xef\xbf\xbd");
 }
 
-TEST(TextUtilTest, StripPathAndExt) {
-  EXPECT_EQ(stripPathAndExt(WS(L"/bins/M0a1b.bsg")).view(), L"M0a1b");
-  EXPECT_EQ(stripPathAndExt(WS(L"name")).view(), L"name");
-  EXPECT_EQ(stripPathAndExt(WS(L"dir.x/name")).view(), L"name");
-  EXPECT_EQ(stripPathAndExt(WS(L"a.b.c")).view(), L"a.b");
-  EXPECT_EQ(stripPathAndExt(WS(L"/x/.hidden")).view(), L".hidden");
-  EXPECT_EQ(stripPathAndExt(WS(L"/x/")).view(), L"");
-}
-
 TEST(TextUtilTest, BooleansAndNumbers) {
-  EXPECT_EQ(BoolAsString(true), "true");
-  EXPECT_EQ(BoolAsString(false), "false");
-  for (const char* t : {"true", " TRUE ", "yes", "On", "t", "1"}) EXPECT_TRUE(BoolFromString(LS(t), false)) << t;
+  for (const char* t : {"true", " TRUE ", "yes", "On", "t", "1"})
+    EXPECT_TRUE(BoolFromString(LS(t), false)) << t;
   for (const char* f : {"false", "No", "off", "F", "0"}) EXPECT_FALSE(BoolFromString(LS(f), true)) << f;
   for (const char* x : {"", "2", "yess", "truex"}) {
     EXPECT_TRUE(BoolFromString(LS(x), true)) << x;
     EXPECT_FALSE(BoolFromString(LS(x), false)) << x;
   }
   EXPECT_EQ(StringFromInteger(-9223372036854775807LL - 1), "-9223372036854775808");
-  EXPECT_EQ(UIntFromString(LS("  42abc"), 7), 42u);
-  EXPECT_EQ(UIntFromString(LS("4294967295"), 7), 4294967295u);
-  EXPECT_EQ(UIntFromString(LS("4294967296"), 7), 7u);
-  EXPECT_EQ(UIntFromString(LS("-1"), 7), 7u);
-  EXPECT_EQ(UIntFromString(LS(""), 7), 7u);
+  for (auto [in, out] : {std::pair{"  42abc", 42u}, {"4294967295", 4294967295u},
+                         {"4294967296", 7u}, {"-1", 7u}, {"", 7u}})
+    EXPECT_EQ(UIntFromString(LS(in), 7), out) << in;
   EXPECT_EQ(Qm::WStringFromAscii("ab\xe9").view(), L"ab\u00e9");
   EXPECT_TRUE(Qm::WStringFromAscii(nullptr).empty());
 }
 
-std::vector<std::string> split(const char* s, char sep, int mode) {
-  std::vector<std::string> out;
-  for (const LS& piece : Qm::splitIf(LS(s), sep, mode)) out.push_back(piece.toStdString());
-  return out;
-}
-
 TEST(TextUtilTest, SplitIfModes) {
   using V = std::vector<std::string>;
+  auto split = [](const char* s, char sep, int mode) {
+    V out;
+    for (const LS& piece : Qm::splitIf(LS(s), sep, mode)) out.push_back(piece.toStdString());
+    return out;
+  };
   EXPECT_EQ(split("a,,b", ',', 2), (V{"a", "", "b"}));
   EXPECT_EQ(split("a,,b", ',', 0), (V{"a", "b"}));
   EXPECT_EQ(split(",a,", ',', 2), (V{"", "a", ""}));

@@ -9,8 +9,7 @@ TEST(TimeDefTest, ConversionTable) {
     const char* text;
     int type;
     bool valid;
-    const char* punctuated;
-    const char* database;
+    const char *punctuated, *database;
   } cases[] = {
       {"01:00:00:12", eLabelTimecode, true, "01:00:00:12", "01000012"},
       {"01:00:00;12", eLabelTimecode, true, "01:00:00;12", "01000012D"},
@@ -61,10 +60,7 @@ TEST(TimeDefTest, EveryValidTimecodeRoundTrips) {
             time_def a(text, eLabelTimecode);
             ASSERT_TRUE(a.isValid()) << text;
             EXPECT_EQ(a.isDropFrame(), drop);
-            EXPECT_EQ(a.hours() * 1000000 + a.minutes() * 10000 + a.seconds() * 100 + a.frames(),
-                      h * 1000000 + m * 10000 + s * 100 + f);
-            time_def b(a.get_database_str().c_str(), eLabelTimecode);
-            EXPECT_EQ(b.get_punctuated_str(), text);
+            EXPECT_EQ(time_def(a.get_database_str().c_str(), eLabelTimecode).get_punctuated_str(), text);
           }
 }
 

@@ -10,12 +10,6 @@
 
 namespace {
 
-std::string text(const SExprElt& e) {
-  GrowString out;
-  e.asString(out);
-  return std::string(out.view());
-}
-
 // Builds a list the documented way: push in front, reverse once.
 SExpr* listOf(std::vector<SExprElt*> elements) {
   SExpr* list = nullptr;
@@ -24,48 +18,39 @@ SExpr* listOf(std::vector<SExprElt*> elements) {
 }
 
 TEST(SExprTest, PrintsElementsInOrderWithSingleBlanks) {
-  zyldb table(std::vector<DBFieldDesc>{{"Reel", DBFieldTypes::text},
-                                       {"Scene", DBFieldTypes::text},
-                                       {"Take", DBFieldTypes::text}});
-  std::unique_ptr<SExpr> refs(
-      listOf({new SExprRef(0, &table), new SExprRef(1, &table), new SExprRef(2, &table)}));
-  EXPECT_EQ(text(*refs), "(Reel Scene Take)");
-
-  struct Case {
+  zyldb table(std::vector<DBFieldDesc>{
+      {"Reel", DBFieldTypes::text}, {"Scene", DBFieldTypes::text}, {"Take", DBFieldTypes::text}});
+  const struct {
     std::vector<SExprElt*> elements;
     const char* expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
+      {{new SExprRef(0, &table), new SExprRef(1, &table), new SExprRef(2, &table)}, "(Reel Scene Take)"},
       {{new SExprRef(0, nullptr)}, "(voidref)"},
       {{new SExprOperator}, "(op )"},
       {{new SExprOperator, new SExprRef(7, nullptr)}, "(op  voidref)"},
       {{new SExprRef(1, &table), listOf({new SExprRef(2, &table), new SExprRef(0, &table)})},
        "(Scene (Take Reel))"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     std::unique_ptr<SExpr> list(listOf(c.elements));
-    EXPECT_EQ(text(*list), c.expected);
+    GrowString out;
+    list->asString(out);
+    EXPECT_EQ(out.view(), c.expected);
   }
 }
 
-TEST(SExprTest, ReverseReturnsTheOldLastCell) {
-  auto* c3 = new SExpr(new SExprRef(3, nullptr));
-  auto* c2 = new SExpr(new SExprRef(2, nullptr), c3);
-  auto* c1 = new SExpr(new SExprRef(1, nullptr), c2);
-  SExpr* head = c1->reverse();
-  EXPECT_EQ(head, c3);
-  EXPECT_EQ(c3->next(), c2);
-  EXPECT_EQ(c2->next(), c1);
-  EXPECT_EQ(c1->next(), nullptr);
+TEST(SExprTest, ReverseAndIterate) {
+  SExpr* list = listOf({new SExprRef(1, nullptr), new SExprRef(2, nullptr), new SExprRef(3, nullptr)});
+  SExpr* reversed = list->reverse();  // in place: the old last cell leads
   std::vector<uint32_t> fields;
-  SExprIterator it(head);
+  SExprIterator it(reversed);
   for (++it; it.current(); ++it) fields.push_back(static_cast<SExprRef*>(it.current()->element())->field());
   EXPECT_EQ(fields, (std::vector<uint32_t>{3, 2, 1}));
-  delete head;
+  EXPECT_EQ(list->next(), nullptr);
+  delete reversed;
 
   auto* single = new SExpr(new SExprOperator);
   EXPECT_EQ(single->reverse(), single);
-  EXPECT_EQ(single->next(), nullptr);
   delete single;
 }
 

@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <vector>
-
 #include "ViewTestUtil.h"
 
 namespace zyl::test {
 namespace {
 
+// Five rows with reels "A1" "a2" "B3" "b4" "C5"; rows 1 and 3 tagged.
 class ODBViewCursorTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -45,7 +44,7 @@ TEST_F(ODBViewCursorTest, Stepping) {
 }
 
 TEST_F(ODBViewCursorTest, RemoveAndFind) {
-  ODBViewCursor c{view_, 1, 0};
+  ODBViewCursor c{view_, 1, 1};  // remove and find ignore tagsOnly
   c.remove();
   EXPECT_EQ(c.index, 1);  // now the row that followed
   EXPECT_EQ(view_->getField(1u, 0u), "r2");
@@ -54,16 +53,16 @@ TEST_F(ODBViewCursorTest, RemoveAndFind) {
   EXPECT_EQ(c.index, -1);  // was the last row
   EXPECT_EQ(c.find(table_->get_record(2)), 1);
   EXPECT_EQ(c.find(table_->get_record(1)), -1);
-  EXPECT_EQ(c.index, -1);
-  c.tagsOnly = 1;  // find looks at every row all the same
-  EXPECT_EQ(c.find(table_->get_record(3)), 2);
 }
 
+// findField compares ignoring case, forward only, from the current row on.
+// findFieldSorted stops at an equal probe rather than repeating forever, and
+// every way out gives -1.
 TEST_F(ODBViewCursorTest, FindField) {
   ODBViewCursor c{view_, 0, 0};
-  EXPECT_EQ(c.findField("Reel", "b3"), 2);  // ignoring case, staying there
   EXPECT_EQ(c.findField("Reel", "b3"), 2);
-  EXPECT_EQ(c.findField("Reel", "A1"), -1);  // forward only
+  EXPECT_EQ(c.findField("Reel", "b3"), 2);
+  EXPECT_EQ(c.findField("Reel", "A1"), -1);
   EXPECT_EQ(c.findField("Reel", "C5"), -1);  // at -1 nothing is searched
   c.set_index(0);
   EXPECT_EQ(c.findField("Nope", "C5"), -1);
@@ -72,16 +71,12 @@ TEST_F(ODBViewCursorTest, FindField) {
   EXPECT_EQ(tagged.findField("reel", "b4"), 3);
   tagged.set_index(0);
   EXPECT_EQ(tagged.findField("Reel", "C5"), -1);  // row 4 is not tagged
-}
 
-// An equal probe ends the search rather than repeating forever; every way
-// out gives -1.
-TEST_F(ODBViewCursorTest, FindFieldSortedNeverReportsAMatch) {
   for (const char* value : {"A1", "a2", "B3", "b4", "C5", "", "zz"}) {
     for (int start : {-1, 2}) {
-      ODBViewCursor c{view_, start, 0};
-      EXPECT_EQ(c.findFieldSorted("Reel", value), -1) << value;
-      EXPECT_EQ(c.index, -1);
+      ODBViewCursor s{view_, start, 0};
+      EXPECT_EQ(s.findFieldSorted("Reel", value), -1) << value;
+      EXPECT_EQ(s.index, -1);
     }
   }
 }

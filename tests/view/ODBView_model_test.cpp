@@ -39,10 +39,8 @@ class ModelRun {
 
   void run(int steps) {
     grow(40);
-    addView(-1, true);
-    addView(-1, false);
-    addView(0, true);
-    addView(2, true);
+    const std::pair<int, bool> initial[] = {{-1, true}, {-1, false}, {0, true}, {2, true}};
+    for (auto [base, all] : initial) addView(base, all);
     for (int step = 0; step < steps && !::testing::Test::HasFailure(); ++step) {
       last_.clear();
       doOneStep();
@@ -54,8 +52,6 @@ class ModelRun {
  private:
   int pick(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng_); }
   std::string name(int v) const { return "view " + std::to_string(v); }
-
-  // ---- The model ------------------------------------------------------------
 
   // The number of rows of a view's source, given as the view's base.
   int64_t rowsOf(int base) const {
@@ -123,8 +119,6 @@ class ModelRun {
     m.tags.assign(m.rows.size(), 0);  // the test clears the chain's tags
     m.handle->tagAll(false);
   }
-
-  // ---- Both sides -------------------------------------------------------------
 
   // Appends n rows to the table and names every blank row by its identifier.
   void grow(int n) {

@@ -3,13 +3,12 @@
 #include <zyldb/view/ODBView.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#include <zyldb/db/dbrecord.h>
 #include <zyldb/platform/TextUtil.h>
 
 #include "ViewTestUtil.h"
@@ -20,78 +19,67 @@ namespace {
 
 using ::testing::ElementsAre;
 using Faulty = zyl::testing::FaultyFileService;
+namespace fs = std::filesystem;
 
+// The view r2 r0 r1, its row 1 tagged, of a table with parameter Take and
+// columns Name and Tag, every Tag "7".
 class ODBViewSaveTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char dir[] = "/tmp/zyldb_view_saveXXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
+    fs::create_directories(dir_);
     table_->add_param("Take", "4");
     for (unsigned i = 0; i < 3; ++i) table_->set_field(i, 1u, "7");
     table_->clear_changed();
-    view_ = ODBView(new ODBViewRep(table_.get()));
+    view_ = ODBView(new ODBViewRep(table_.get()));  // takes the parameters now
     view_->displayRecordsAt(2, 1, 0);
-    view_->displayRecordsAt(0, 2, 1);  // r2 r0 r1
+    view_->displayRecordsAt(0, 2, 1);
     view_->set_tag(1u, 1);
   }
-  void TearDown() override {
-    std::remove(file_.c_str());
-    rmdir(dir_.c_str());
-  }
+  void TearDown() override { fs::remove_all(dir_); }
   std::string slurp() const {
     std::ostringstream s;
     s << std::ifstream(file_, std::ios::binary).rdbuf();
     return s.str();
   }
 
-  std::string dir_;
-  std::string file_;
+  const fs::path dir_ = fs::temp_directory_path() / ("zyldb_view_save_" + std::to_string(getpid()));
+  const std::string file_ = (dir_ / "v.log").string();
+  const char* name_ = file_.c_str();
   std::unique_ptr<zyldb> table_ = makeTable(3, {"Name", "Tag"});
   ODBView view_;
-  const char* name() {
-    file_ = dir_ + "/v.log";
-    return file_.c_str();
-  }
 };
 
 TEST_F(ODBViewSaveTest, WritesParametersHeaderAndRowsWithTheViewsTags) {
   view_->add_param("Lens", "35");
   const std::string header =
       "\"ZYLDB:Rev 1\"\n\"Take:4\"\n\"Lens:35\"\n\"ZYLDB\"\n\"32\",\"1\"\n\"text\",\"text\"\n\"Name\",\"Tag\"\n";
-  EXPECT_EQ(view_->saveAsText(name(), false), 3);
+  EXPECT_EQ(view_->saveAsText(name_, false), 3);
   EXPECT_EQ(slurp(), header + "\"r2\",\"0\"\n\"r0\",\"1\"\n\"r1\",\"0\"\n");
   for (unsigned i = 0; i < 3; ++i) {  // only the written copies carry the view's tags
     EXPECT_STREQ(table_->get_record(i)->get_field(1), "7");
     EXPECT_FALSE(table_->get_record(i)->isChanged());
   }
-  EXPECT_EQ(view_->saveAsText(name(), true), 0);
+  EXPECT_EQ(view_->saveAsText(name_, true), 0);
   EXPECT_EQ(slurp(), header);
   EXPECT_EQ(view_->saveAsText("", false), 0);
 
-  // Without parameters and without a "Tag" column.
-  auto plain = makeTable(2, {"Name"});
+  // Without parameters and without a "Tag" column; saveOnlyTagged looks at
+  // the table's tags, not the view's, and counts the rows it examined.
+  auto plain = makeTable(5, {"Name"});
+  plain->set_tag(1, 1);
+  plain->set_tag(4, 1);
   ODBView v(new ODBViewRep(plain.get()));
   v->displayAllRecords();
   v->tagAll(true);
-  v->set_filename(Qm::WStringFromAscii(name()));
-  EXPECT_EQ(v->save_text(), 2);
-  EXPECT_EQ(slurp(), "\"ZYLDB\"\n\"32\"\n\"text\"\n\"Name\"\n\"r0\"\n\"r1\"\n");
-}
-
-TEST_F(ODBViewSaveTest, SaveOnlyTaggedCountsRowsExamined) {
-  auto five = makeTable(5, {"Name"});
-  five->set_tag(1, 1);
-  five->set_tag(4, 1);
-  ODBView v(new ODBViewRep(five.get()));
-  v->displayAllRecords();
-  v->set_tag(0u, 1);  // the view's tags are not consulted
-  EXPECT_EQ(v->saveOnlyTagged(name()), 5);
+  v->set_filename(Qm::WStringFromAscii(name_));
+  EXPECT_EQ(v->save_text(), 5);
+  EXPECT_EQ(slurp(), "\"ZYLDB\"\n\"32\"\n\"text\"\n\"Name\"\n\"r0\"\n\"r1\"\n\"r2\"\n\"r3\"\n\"r4\"\n");
+  EXPECT_EQ(v->saveOnlyTagged(name_), 5);
   EXPECT_EQ(slurp(), "\"ZYLDB\"\n\"32\"\n\"text\"\n\"Name\"\n\"r1\"\n\"r4\"\n");
 }
 
 TEST_F(ODBViewSaveTest, FailedSaveKeepsTheOldFile) {
-  ASSERT_EQ(view_->saveAsText(name(), false), 3);
+  ASSERT_EQ(view_->saveAsText(name_, false), 3);
   const std::string before = slurp();
   view_->remove(0, 1);
   Faulty faulty;
@@ -100,8 +88,8 @@ TEST_F(ODBViewSaveTest, FailedSaveKeepsTheOldFile) {
     faulty.reset();
     faulty.setTornWrites(true);
     faulty.failAlways(op);
-    EXPECT_EQ(view_->saveAsText(name(), false), 0);
-    EXPECT_EQ(view_->saveOnlyTagged(name()), 0);
+    EXPECT_EQ(view_->saveAsText(name_, false), 0);
+    EXPECT_EQ(view_->saveOnlyTagged(name_), 0);
     EXPECT_EQ(slurp(), before);
   }
 }

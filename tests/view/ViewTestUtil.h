@@ -34,22 +34,16 @@ inline std::vector<std::string> names(ODBBase& v) {
 
 // Records the "recordsDeleted" and "recordsChanged" messages of one notifier
 // as "D:<text>" and "C:<text>".
-class Recorder {
- public:
+struct Recorder {
   explicit Recorder(Notifier& n) {
-    regs_.push_back(n.addListener("recordsDeleted", [this](const NotifyMsg& m) {
-      log.push_back("D:" + m.getText().toStdString());
-      return 0;
-    }));
-    regs_.push_back(n.addListener("recordsChanged", [this](const NotifyMsg& m) {
-      log.push_back("C:" + m.getText().toStdString());
-      return 0;
-    }));
+    for (std::string type : {"recordsDeleted", "recordsChanged"})
+      regs.push_back(n.addListener(type.c_str(), [this, type](const NotifyMsg& m) {
+        log.push_back(type.substr(7, 1) + ":" + m.getText().toStdString());
+        return 0;
+      }));
   }
   std::vector<std::string> log;
-
- private:
-  std::vector<Qm::Ptr<iObject>> regs_;
+  std::vector<Qm::Ptr<iObject>> regs;
 };
 
 }  // namespace zyl::test

@@ -44,7 +44,8 @@ class ZYLDB_EXPORT TextFile {
   void appendLine(const char* line) { appendLine(line ? std::string_view(line) : std::string_view()); }
 
   // Makes room for `lines` more lines holding `bytes` bytes of text in all,
-  // so that appending them moves no text. Changes nothing else.
+  // so that appending them moves no text. A large room is made resident at
+  // once (cheaper than page by page as it fills). Changes no line.
   void reserve(size_t lines, size_t bytes);
 
   // Builds one line in place at the end of the file, without an intermediate
