@@ -191,7 +191,7 @@ int compareEntriesAscending(const SortEntry& x, const SortEntry& y) {
     return (x.key == nullptr) == (y.key == nullptr) ? 0 : (x.key == nullptr ? 1 : -1);
   if (cmp_fields == nullptr || cmp_fields[0] < 0) return 0;
   if (x.emptyKey || y.emptyKey) return x.emptyKey == y.emptyKey ? 0 : (x.emptyKey ? 1 : -1);
-  if (cmp_offset == 0 && cmp_fields[0] != cmp_tc_field) {
+  if (cmp_fields[0] == cmp_tc_field || cmp_offset == 0) {
     const int byPrefix = comparePrefixes(x, y);
     if (byPrefix != 0) return byPrefix;
   }
@@ -216,7 +216,11 @@ int compareEntriesDescending(const SortEntry& x, const SortEntry& y) {
 std::vector<SortEntry> sortedEntries(dbrecord* const* records, size_t n, int direction) {
   std::vector<SortEntry> entries(n);
   const int first = cmp_fields != nullptr ? cmp_fields[0] : -1;
-  const KeyOrder order = direction < 0 || cmp_plain != 0 ? KeyOrder::kCaseless : KeyOrder::kStrx;
+  // A timecode column compares its first eight characters caselessly
+  // before anything else, so its caseless prefix decides as well.
+  const KeyOrder order = direction < 0 || cmp_plain != 0 || (first >= 0 && first == cmp_tc_field)
+                             ? KeyOrder::kCaseless
+                             : KeyOrder::kStrx;
   for (size_t i = 0; i < n; ++i) {
     dbrecord* rec = records[i];
     const char* key = cellText(rec, first);

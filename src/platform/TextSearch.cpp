@@ -6,6 +6,7 @@
 
 #include <zyldb/platform/TextSearch.h>
 
+#include <cstring>
 #include <string_view>
 
 #include "platform/TextUtil_internal.h"
@@ -45,6 +46,24 @@ bool matchOne(std::string_view text, const Criterion& c, const Mapper& m) {
     case eContains:
     default: {
       if (m.plain()) return text.find(q) != std::string_view::npos;
+      if (m.fold && !m.timecode) {
+        // Candidates are the places of the first byte in either case, found
+        // with memchr; only they are compared in full.
+        const unsigned char lo = zyl::detail::kLower.map[static_cast<unsigned char>(q[0])];
+        const unsigned char up = lo >= 'a' && lo <= 'z' ? static_cast<unsigned char>(lo - 32) : lo;
+        const char* base = text.data();
+        const size_t limit = text.size() - q.size() + 1;
+        const char* pl = static_cast<const char*>(std::memchr(base, lo, limit));
+        const char* pu = up == lo ? nullptr : static_cast<const char*>(std::memchr(base, up, limit));
+        while (pl || pu) {
+          const char* p = !pu || (pl && pl < pu) ? pl : pu;
+          const size_t at = static_cast<size_t>(p - base);
+          if (equalAt(text, at, q, m)) return true;
+          if (p == pl) pl = static_cast<const char*>(std::memchr(p + 1, lo, limit - at - 1));
+          else pu = static_cast<const char*>(std::memchr(p + 1, up, limit - at - 1));
+        }
+        return false;
+      }
       const unsigned char first = m(q[0]);
       const size_t last = text.size() - q.size();
       for (size_t at = 0; at <= last; ++at)

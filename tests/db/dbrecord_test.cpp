@@ -216,7 +216,7 @@ TEST(DbRecordStore, CopyAndAssignment) {
   EXPECT_THAT(values(dst), ElementsAre("only"));
 }
 
-TEST(DbRecordAccess, CopyOutAndOutOfRange) {
+TEST(DbRecordAccess, CopyOutOutOfRangeAndShapeChanges) {
   dbrecord r = makeRecord({"abcdef", ""});
   char buf[8];
   std::memset(buf, '#', sizeof buf);
@@ -232,10 +232,9 @@ TEST(DbRecordAccess, CopyOutAndOutOfRange) {
   EXPECT_THAT(r.get_field(1), StrEq(""));
   EXPECT_EQ(&r.getField(70000 & 0xFFFF), &dbrecord(1).getField(9));
   EXPECT_TRUE(r.getField(2).empty());
-}
 
-TEST(DbRecordAccess, ShapeChangesKeepFlags) {
-  dbrecord r = makeRecord({"a", "b", "c"});
+  // Shape changes keep the flags.
+  r = makeRecord({"a", "b", "c"});
   r.clearChanged();
   r.removeField(1);
   r.removeField(2);

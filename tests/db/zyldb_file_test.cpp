@@ -230,8 +230,6 @@ TEST_F(ZyldbFileTest, RealisticLogRoundTripsLineForLine) {
   EXPECT_EQ(t->save_text(), 36);
   EXPECT_EQ(readFile("copy.log"), kClips);
   EXPECT_FALSE(t->get_record(0)->isChanged());
-  auto again = load("copy.log");
-  EXPECT_EQ(rowsOf(*again), rowsOf(*t));
   EXPECT_THAT(logs_, IsEmpty());
 }
 
@@ -301,16 +299,15 @@ TEST_F(ZyldbFileTest, LoadingReportsErrorsAndWarnings) {
   }
 }
 
-TEST_F(ZyldbFileTest, StrictHeaderAndRowLimit) {
+TEST_F(ZyldbFileTest, StrictHeaderRowLimitAndCsv) {
   writeFile("loose.log", "\"ZYLDB:Rev 1\"\n\"Reel\",\"Start\"\n\"1\",\"2\"\n");
   EXPECT_THAT(load("loose.log")->get_fieldname(1), StrEq("Start"));
   EXPECT_EQ(load("loose.log", INT_MAX, true)->get_valid(), 0);
   writeFile("three.log", kOneColumn + "\"1\"\n\"2\"\n\"3\"\n");
   EXPECT_EQ(load("three.log", 2)->get_num_records(), 2u);
   EXPECT_EQ(load("three.log", 0)->get_num_records(), 0u);
-}
 
-TEST_F(ZyldbFileTest, CsvVariant) {
+  // Comma-separated files: a header of names, then rows cut or padded to fit.
   writeFile("clips.csv", "Reel,Scene\nA001,12,extra\n\nonly\n x ,\n");
   auto t = load("clips.csv");
   EXPECT_EQ(t->get_valid(), 1);
@@ -323,7 +320,7 @@ TEST_F(ZyldbFileTest, CsvVariant) {
   EXPECT_EQ(load("upper.CSV")->get_valid(), 0);
 }
 
-TEST_F(ZyldbFileTest, LoadTextPairsWithSavesWithoutHeader) {
+TEST_F(ZyldbFileTest, PartialSavesAndLoadText) {
   const auto cols = columns({{"Reel", 'a'}, {"Scene", 'a'}});
   zyldb t(cols);
   int row = t.add_records(2);
@@ -346,21 +343,20 @@ TEST_F(ZyldbFileTest, LoadTextPairsWithSavesWithoutHeader) {
   EXPECT_EQ(e.code * 100 + e.detail, 100);
   into.set_filename(wpath("missing.log"));
   EXPECT_EQ(into.load_text(10), 0);
-}
 
-TEST_F(ZyldbFileTest, SavesTagsAndTagColumn) {
-  zyldb t(columns({{"Name", 'a'}, {"Tag", 'n'}}));
-  int row = t.add_records(3);
-  for (int i = 0; i < 3; ++i) t.set_field(row + i, 0u, ("n" + std::to_string(i)).c_str());
-  t.set_filename(wpath("tags.log"));
+  // Tagged rows only, with the tag column left empty; a full save fills it.
+  zyldb tags(columns({{"Name", 'a'}, {"Tag", 'n'}}));
+  row = tags.add_records(3);
+  for (int i = 0; i < 3; ++i) tags.set_field(row + i, 0u, ("n" + std::to_string(i)).c_str());
+  tags.set_filename(wpath("tags.log"));
   const std::string header = "\"ZYLDB\"\n\"32\",\"1\"\n\"text\",\"numeric\"\n\"Name\",\"Tag\"\n";
-  EXPECT_TRUE(t.save_tags());
+  EXPECT_TRUE(tags.save_tags());
   EXPECT_EQ(readFile("tags.log"), header);
-  t.set_tag(0, 1);
-  t.set_tag(2, 1);
-  EXPECT_TRUE(t.save_tags());
+  tags.set_tag(0, 1);
+  tags.set_tag(2, 1);
+  EXPECT_TRUE(tags.save_tags());
   EXPECT_EQ(readFile("tags.log"), header + "\"n0\",\"\"\n\"n2\",\"\"\n");
-  EXPECT_EQ(t.save_text(), 3);
+  EXPECT_EQ(tags.save_text(), 3);
   EXPECT_EQ(readFile("tags.log"), header + "\"n0\",\"1\"\n\"n1\",\"0\"\n\"n2\",\"1\"\n");
 }
 

@@ -20,7 +20,8 @@ TEST(CookieTest, ParsesTheTextFormStrictlyOrLeniently) {
   EXPECT_EQ(c.asString(), kText);
   EXPECT_EQ(Cookie(LightweightString<char>(kText), true), c);
   EXPECT_EQ(Cookie(Qm::WStringFromAscii(kText), true), c);
-  std::string upper = "M0F3C9A2E4B5D6C7E8F90112233445566", padded = "  " + std::string(kText) + "\t";
+  std::string upper = "M0F3C9A2E4B5D6C7E8F90112233445566";
+  std::string padded = "  " + std::string(kText) + "\t";
   for (const std::string& loose : {upper, padded}) {
     EXPECT_FALSE(Cookie(loose.c_str(), true).isValid()) << loose;
     EXPECT_EQ(Cookie(loose.c_str(), false), c) << loose;
@@ -32,8 +33,8 @@ TEST(CookieTest, ParsesTheTextFormStrictlyOrLeniently) {
     EXPECT_EQ(Cookie(bad, false).getId(), Qm::UUID{}) << bad;
   }
   EXPECT_FALSE(Cookie(static_cast<const char*>(nullptr), true).isValid());
-  EXPECT_FALSE(
-      Cookie(LightweightString<wchar_t>(L"M0f3c9a2e4b5d6c7e8f9011223344556\u00e9"), false).isValid());
+  LightweightString<wchar_t> accented(L"M0f3c9a2e4b5d6c7e8f9011223344556\u00e9");
+  EXPECT_FALSE(Cookie(accented, false).isValid());
 
   Cookie b = convertCookie(c, 'B', 255);
   EXPECT_EQ(b.getType(), 'B');

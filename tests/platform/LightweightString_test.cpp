@@ -133,7 +133,8 @@ TEST(StrCmpCITest, OrdersAsStrcasecmp) {
   StrCmpCI less;
   // Letters compare lower-cased: 'Z' would sort before '_' byte-wise, 'z' after.
   for (auto [a, b, expected] : {std::tuple{"apple", "Banana", true}, {"APPLE", "apple", false},
-                                {"apple", "APPLE", false}, {"app", "APPLE", true}, {"_", "Z", true}})
+                                {"apple", "APPLE", false}, {"app", "APPLE", true},
+                                {"_", "Z", true}})
     EXPECT_EQ(less(LS(a), LS(b)), expected) << a << " < " << b;
 }
 

@@ -23,10 +23,15 @@ TEST(NotifierTest, DeliversInRegistrationOrderToTheMatchingType) {
   std::string log;
   View view{&log};
   const int type = typeId("t.order");
-  auto r1 = n.addListener("t.order", [&](const NotifyMsg& m) { log += m.getText().toStdString(); return 0; });
+  auto r1 = n.addListener("t.order", [&](const NotifyMsg& m) {
+    log += m.getText().toStdString();
+    return 0;
+  });
   auto other = n.addListener("t.other", [&](const NotifyMsg&) { log += "X"; return 0; });
-  Qm::Ptr<iCallbackBase<int, NotifyMsg>> cb(new MethodCallback<View, NotifyMsg, int>(&view, &View::onMsg));
-  auto r2 = n.registerCallback(Qm::Ptr<CallbackInvoker<NotifyMsg>>(new CallbackInvoker<NotifyMsg>(cb, type)));
+  Qm::Ptr<iCallbackBase<int, NotifyMsg>> cb(
+      new MethodCallback<View, NotifyMsg, int>(&view, &View::onMsg));
+  auto r2 = n.registerCallback(
+      Qm::Ptr<CallbackInvoker<NotifyMsg>>(new CallbackInvoker<NotifyMsg>(cb, type)));
   EXPECT_FALSE(n.registerCallback(nullptr));
   n.issueNotification(NotifyMsg("a", new WrappedData<int>(42)), type);
   EXPECT_EQ(log, "a42");
@@ -49,7 +54,12 @@ TEST(NotifierTest, ListenersChangingRegistrationsDuringDelivery) {
   Notifier n;
   const int type = typeId("t.unreg"), inner = typeId("t.inner");
   std::vector<int> calls;
-  auto note = [&calls](int id) { return [&calls, id](const NotifyMsg&) { calls.push_back(id); return 0; }; };
+  auto note = [&calls](int id) {
+    return [&calls, id](const NotifyMsg&) {
+      calls.push_back(id);
+      return 0;
+    };
+  };
   Qm::Ptr<iObject> r2, r3, added;
   auto r0 = n.addListener("t.inner", note(0));
   auto r1 = n.addListener("t.unreg", [&](const NotifyMsg&) {
@@ -86,8 +96,8 @@ TEST(NotifierTest, DestructionInEitherOrder) {
   EXPECT_EQ(calls, 0);
   EXPECT_EQ(n->numListeners(), 0u);
   // A listener that destroys the notifier while it delivers.
-  Qm::Ptr<iObject> first = n->addListener("t.order2", [&](const NotifyMsg&) { n.reset(); ++calls; return 0; });
-  Qm::Ptr<iObject> second = n->addListener("t.order2", [&](const NotifyMsg&) { ++calls; return 0; });
+  auto first = n->addListener("t.order2", [&](const NotifyMsg&) { n.reset(); ++calls; return 0; });
+  auto second = n->addListener("t.order2", [&](const NotifyMsg&) { ++calls; return 0; });
   n->issueNotification(NotifyMsg(), typeId("t.order2"));
   EXPECT_EQ(calls, 1);
 }

@@ -1,4 +1,5 @@
 #include <zyldb/platform/OS.h>
+#include <zyldb/platform/QmException.h>
 #include <zyldb/platform/TextFile.h>
 #include <zyldb/platform/TextUtil.h>
 
@@ -7,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -133,6 +135,47 @@ TEST_F(TextFileTest, FailedWriteOrMoveLeavesOldFileAndNoTemporary) {
   TextFile f;
   EXPECT_FALSE(f.load(wide("t.txt")));
   EXPECT_TRUE(f.load(wide("t.txt")));
+}
+
+// Saving turns the buffer's NULs into line feeds for the write: the lines
+// must come back whole, after a failed save as after a good one.
+TEST_F(TextFileTest, LinesSurviveSavingWhetherItWorksOrNot) {
+  TextFile f = threeLines();
+  f.appendLine(std::string_view("nul\0inside", 10));
+  FaultyFileService faulty;
+  zyl::testing::ScopedFileService use(&faulty);
+  faulty.failNth(FaultyFileService::kWrite);
+  EXPECT_FALSE(f.save(wide("t.txt")));
+  EXPECT_TRUE(f.save(wide("t.txt")));
+  EXPECT_EQ(read("t.txt"), std::string("one\ntwo\nthree\nnul\0inside\n", 25));
+  ASSERT_EQ(f.getNumLines(), 4u);
+  EXPECT_STREQ(f.line(2), "three");
+  EXPECT_EQ(f[3].view(), std::string_view("nul\0inside", 10));
+}
+
+TEST_F(TextFileTest, LinesAreAddedWholeOrNotAtAll) {
+  TextFile f = threeLines();
+  f.reserve(2, 3'000'000);  // large enough to be made resident at once
+  {
+    TextFile::LineBuilder abandoned(f);
+    abandoned.append("dropped");
+  }
+  {
+    TextFile::LineBuilder b(f);
+    b.append("ab");
+    std::memcpy(b.extend(5), "cdXYZ", 5);
+    b.shrink(3);
+    b.finish();
+  }
+  const std::string big(4'000'000, 'x');  // outgrows the room reserved
+  OS()->allocator().failNthAllocation(1);
+  EXPECT_THROW(f.appendLine(std::string_view(big)), Qm::Exception::BadAlloc);
+  OS()->allocator().failNthAllocation(0);
+  f.appendLine("last");
+  EXPECT_EQ(f.getNumLines(), 5u);
+  EXPECT_EQ(f[2], "three");
+  EXPECT_EQ(f[3], "abcd");
+  EXPECT_EQ(f[4], "last");
 }
 
 TEST_F(TextFileTest, FileServiceBasics) {

@@ -56,8 +56,9 @@ TEST(StrxcmpTest, IsAStrictWeakOrderOnRandomTexts) {
     size_t n = rng() % 7;
     for (size_t i = 0; i < n; ++i) t += alphabet[rng() % (sizeof alphabet - 1)];
   }
-  std::sort(texts.begin(), texts.end(),
-            [](const std::string& a, const std::string& b) { return strxcmp(a.c_str(), b.c_str()) < 0; });
+  std::sort(texts.begin(), texts.end(), [](const std::string& a, const std::string& b) {
+    return strxcmp(a.c_str(), b.c_str()) < 0;
+  });
   for (size_t i = 0; i + 1 < texts.size(); ++i)
     for (size_t j = i + 1; j < texts.size(); ++j)
       ASSERT_LE(strxcmp(texts[i].c_str(), texts[j].c_str()), 0) << texts[i] << " / " << texts[j];
@@ -79,8 +80,10 @@ TEST(TextUtilTest, EssentiallyEmptyLowerAndStrip) {
 }
 
 TEST(TextUtilTest, Utf8BothWays) {
-  EXPECT_EQ(fromUTF8(LS("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x8e\xac")).view(), L"caf\u00e9 \u20ac \U0001F3AC");
-  EXPECT_EQ(toUTF8(WS(L"caf\u00e9 \u20ac \U0001F3AC")), "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x8e\xac");
+  const char* utf8 = "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x8e\xac";
+  const wchar_t* wide = L"caf\u00e9 \u20ac \U0001F3AC";
+  EXPECT_EQ(fromUTF8(LS(utf8)).view(), wide);
+  EXPECT_EQ(toUTF8(WS(wide)), utf8);
   // Invalid: a stray continuation, a truncated sequence, an overlong form,
   // an encoded surrogate; each bad byte becomes one U+FFFD.
   EXPECT_EQ(fromUTF8(LS("a\x80z")).view(), L"a\uFFFDz");
@@ -93,7 +96,8 @@ TEST(TextUtilTest, Utf8BothWays) {
 TEST(TextUtilTest, BooleansAndNumbers) {
   for (const char* t : {"true", " TRUE ", "yes", "On", "t", "1"})
     EXPECT_TRUE(BoolFromString(LS(t), false)) << t;
-  for (const char* f : {"false", "No", "off", "F", "0"}) EXPECT_FALSE(BoolFromString(LS(f), true)) << f;
+  for (const char* f : {"false", "No", "off", "F", "0"})
+    EXPECT_FALSE(BoolFromString(LS(f), true)) << f;
   for (const char* x : {"", "2", "yess", "truex"}) {
     EXPECT_TRUE(BoolFromString(LS(x), true)) << x;
     EXPECT_FALSE(BoolFromString(LS(x), false)) << x;

@@ -60,7 +60,8 @@ TEST(TimeDefTest, EveryValidTimecodeRoundTrips) {
             time_def a(text, eLabelTimecode);
             ASSERT_TRUE(a.isValid()) << text;
             EXPECT_EQ(a.isDropFrame(), drop);
-            EXPECT_EQ(time_def(a.get_database_str().c_str(), eLabelTimecode).get_punctuated_str(), text);
+            time_def back(a.get_database_str().c_str(), eLabelTimecode);
+            EXPECT_EQ(back.get_punctuated_str(), text);
           }
 }
 

@@ -41,12 +41,9 @@ TEST(ODBViewTest, RowsResolveThroughStackedViews) {
 // in either order, and may outlive their table.
 TEST(ODBViewTest, Lifetime) {
   auto table = makeTable(3);
-  ODBViewRep* base = new ODBViewRep(table.get());
-  ODBView baseHandle(base), top(new ODBViewRep(table.get()));
-  top->baseView(base);
-  baseHandle = ODBView();
-  EXPECT_EQ(base->refCount(), 1u);
-  base->displayAllRecords();
+  ODBView top(new ODBViewRep(table.get()));
+  top->baseView(ODBView(new ODBViewRep(table.get())).rep());
+  top->baseView()->displayAllRecords();
   top->displayAllRecords();
   EXPECT_EQ(top->get_num_records(), 3u);
   top->baseView(nullptr);  // releases the base view's last reference
