@@ -63,16 +63,16 @@ int ODBViewInternal::recordsChangedType() {
 ODBViewRep::ODBViewRep(zyldb* db) {
   init();
   odb(db);
-  GrowString spec;
-  identityFieldSpec(spec);
-  fieldSpec(spec.c_str());
+  GrowString identity;
+  identityFieldSpec(identity);
+  fieldSpec(identity.c_str());
 }
 
-ODBViewRep::ODBViewRep(zyldb* db, const char* spec) {
+ODBViewRep::ODBViewRep(zyldb* db, const char* fields) {
   init();
   odb(db);
-  if (spec) {
-    fieldSpec(spec);
+  if (fields) {
+    fieldSpec(fields);
   } else {
     GrowString identity;
     identityFieldSpec(identity);
@@ -83,13 +83,13 @@ ODBViewRep::ODBViewRep(zyldb* db, const char* spec) {
 ODBViewRep::ODBViewRep(zyldb* db, const char** names) {
   init();
   odb(db);
-  GrowString spec;
+  GrowString joined;
   if (!names) {
-    identityFieldSpec(spec);
+    identityFieldSpec(joined);
   } else {
-    for (const char** p = names; *p; ++p) spec.append(*p).append(',');
+    for (const char** p = names; *p; ++p) joined.append(*p).append(',');
   }
-  fieldSpec(spec.c_str());
+  fieldSpec(joined.c_str());
 }
 
 ODBViewRep::~ODBViewRep() {

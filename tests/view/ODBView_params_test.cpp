@@ -38,7 +38,7 @@ TEST(ODBViewParamsTest, FieldSpecs) {
   EXPECT_THAT(warnings, ElementsAre("Warning: ODBView::fieldSpec, non-existant fieldname \"Bogus\".\n",
                                     "Warning: ODBView::fieldSpec, non-existant fieldname \"name\".\n"));
 
-  // A second spec does not empty the list: the earlier fields come first,
+  // A second field list does not empty the list: the earlier fields come first,
   // reversed.
   ODBView twice(new ODBViewRep(table.get(), "Name,Reel"));
   twice->fieldSpec("Scene");

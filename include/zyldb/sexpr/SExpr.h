@@ -2,8 +2,8 @@
 
 // S-expression lists: chains of cells, each holding one element and the rest
 // of the list. Elements are field references (a column of a table or view),
-// operators, or nested lists. Views keep the columns named by their field
-// spec as a list of field references; every class prints itself as
+// operators, or nested lists. Views keep the columns that their field list
+// names as a list of field references; every class prints itself as
 // text for diagnostics ("(Reel Scene Take)").
 //
 // Lists are built by pushing new cells in front (`new SExpr(elt, list)`) and

@@ -65,11 +65,11 @@ class ZYLDB_EXPORT ODBViewRep : public ODBBase, public Notifier {
   // A view bound to `db` (may be null) with the identity field spec (every
   // column of the source, in order). It shows no rows until filled.
   explicit ODBViewRep(zyldb* db);
-  // As above with the field spec `spec` (the identity spec when null).
-  ODBViewRep(zyldb* db, const char* spec);
+  // As above with the field list `fields` (every column when null).
+  ODBViewRep(zyldb* db, const char* fields);
   // As above with the null-terminated array of field names `names`, joined
-  // into a spec with a "," after each name; a null array gives the identity
-  // spec.
+  // into one field list with a "," after each name; a null array gives every
+  // column.
   ODBViewRep(zyldb* db, const char** names);
   ODBViewRep(const ODBViewRep&) = delete;
   ODBViewRep& operator=(const ODBViewRep&) = delete;
