@@ -75,30 +75,21 @@ zyldb::zyldb(LightweightString<wchar_t> name, int mode, bool flag) {
 }
 
 zyldb::zyldb(const DBFieldDesc* descs) {
-  try {
-    init();
-    unsigned int n = 0;
-    if (descs != nullptr)
-      while (descs[n].type != DBFieldTypes::none) ++n;
-    fieldNames.resize(n);
-    fieldTypes.resize(n, DBFieldTypes::none);
-    numFields = n;
-    for (unsigned int i = 0; i < n; ++i) {
-      set_fieldname(i, descs[i].name.c_str());
-      set_fieldtype(i, descs[i].type);
-    }
-    valid = 1;
-    post_init();
-  } catch (...) {
-    free();
-    throw;
-  }
+  unsigned int n = 0;
+  if (descs != nullptr)
+    while (descs[n].type != DBFieldTypes::none) ++n;
+  buildColumns(descs, n);
 }
 
 zyldb::zyldb(const std::vector<DBFieldDesc>& descs) {
+  buildColumns(descs.data(), static_cast<unsigned int>(descs.size()));
+}
+
+// The descriptor constructors' body: names first, then types, column by
+// column; a failure releases what was built before the exception leaves.
+void zyldb::buildColumns(const DBFieldDesc* descs, unsigned int n) {
   try {
     init();
-    const unsigned int n = static_cast<unsigned int>(descs.size());
     fieldNames.resize(n);
     fieldTypes.resize(n, DBFieldTypes::none);
     numFields = n;

@@ -81,15 +81,20 @@ void zyl_splat(const char* text) {
 
 namespace zyl {
 
-LogSink setLogSink(LogSink sink) {
-  LogSink* fresh = sink ? new LogSink(std::move(sink)) : nullptr;
-  LogSink* old;
+namespace {
+
+// Swaps the heap-held handler in `slot` for `fresh` under `mutex`; returns
+// the previous one (empty when there was none).
+template <class Fn>
+Fn exchangeHandler(Fn*& slot, std::mutex& mutex, Fn fresh) {
+  Fn* next = fresh ? new Fn(std::move(fresh)) : nullptr;
+  Fn* old;
   {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    old = gSink;
-    gSink = fresh;
+    std::lock_guard<std::mutex> lock(mutex);
+    old = slot;
+    slot = next;
   }
-  LogSink prev;
+  Fn prev;
   if (old) {
     prev = std::move(*old);
     delete old;
@@ -97,20 +102,12 @@ LogSink setLogSink(LogSink sink) {
   return prev;
 }
 
+}  // namespace
+
+LogSink setLogSink(LogSink sink) { return exchangeHandler(gSink, gLogMutex, std::move(sink)); }
+
 SplatHandler setSplatHandler(SplatHandler handler) {
-  SplatHandler* fresh = handler ? new SplatHandler(std::move(handler)) : nullptr;
-  SplatHandler* old;
-  {
-    std::lock_guard<std::mutex> lock(gSplatMutex);
-    old = gSplat;
-    gSplat = fresh;
-  }
-  SplatHandler prev;
-  if (old) {
-    prev = std::move(*old);
-    delete old;
-  }
-  return prev;
+  return exchangeHandler(gSplat, gSplatMutex, std::move(handler));
 }
 
 }  // namespace zyl

@@ -402,6 +402,7 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   void destroyRows() noexcept;
   void growRows(unsigned int newCapacity);
   void ensureCapacity(uint64_t rowsNeeded);
+  void buildColumns(const DBFieldDesc* descs, unsigned int n);
   void copyColumnsFrom(const zyldb& src);
   void copyVisibleRowsFrom(const zyldb& src);
   void issueRecordsDeleted(const LightweightString<char>& text);
