@@ -75,8 +75,9 @@ inline const char* skipPlain(const char* p, const char* end, uint8_t stops) {
   const __m128i zero = _mm_setzero_si128();
   while (end - p >= 16) {
     const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, quote), _mm_cmpeq_epi8(x, backslash)),
-                                     _mm_or_si128(_mm_cmpeq_epi8(x, comma), _mm_cmpeq_epi8(x, zero)));
+    const __m128i hit =
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, quote), _mm_cmpeq_epi8(x, backslash)),
+                     _mm_or_si128(_mm_cmpeq_epi8(x, comma), _mm_cmpeq_epi8(x, zero)));
     const int mask = _mm_movemask_epi8(hit);
     if (mask != 0) return p + __builtin_ctz(static_cast<unsigned int>(mask));
     p += 16;
@@ -121,7 +122,7 @@ inline bool copyUnescaped(char* out, const char* p, size_t n) {
 }
 
 // A value being read. While it is one unbroken stretch of the line it stays
-// there (`text` points into the line) and is packed straight from it; the
+// there (`text_` points into the line) and is packed straight from it; the
 // first piece that does not continue the stretch (after an escape, or the
 // decoded line feed) copies it into the scratch buffer.
 class ValueReader {
@@ -371,10 +372,20 @@ int dbrecord::write(TextFile& f) const {
     } else {
       for (const char* end = p + n; p < end; ++p) {
         switch (*p) {
-          case '"': *out++ = '"'; *out++ = '"'; break;
-          case '\n': *out++ = '\\'; *out++ = 'n'; break;
-          case '\r': case '\0': break;  // dropped
-          default: *out++ = *p; break;
+          case '"':
+            *out++ = '"';
+            *out++ = '"';
+            break;
+          case '\n':
+            *out++ = '\\';
+            *out++ = 'n';
+            break;
+          case '\r':
+          case '\0':
+            break;  // dropped
+          default:
+            *out++ = *p;
+            break;
         }
       }
     }

@@ -128,7 +128,8 @@ RowsMeasure measureRows(dbrecord* const* rows, unsigned int count, unsigned int 
 }
 
 // Room for the rows' lines. Escapes make a line longer than measured, so a
-// little more is asked for; pages never written are never made resident.
+// little more is asked for; not much, as a large room is made resident at
+// once.
 void reserveLines(TextFile& f, unsigned int lines, size_t bytes) {
   f.reserve(lines, bytes + bytes / 32 + 4096);
 }

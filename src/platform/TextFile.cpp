@@ -137,7 +137,8 @@ void TextFile::reserve(size_t lines, size_t bytes) {
   // page; kernels without the request refuse it, which changes nothing.
   constexpr size_t kPage = 4096;
   constexpr size_t kPopulateFrom = size_t{1} << 20;
-  const uintptr_t from = (reinterpret_cast<uintptr_t>(buf_.data() + buf_.size()) + kPage - 1) & ~(kPage - 1);
+  const uintptr_t from =
+      (reinterpret_cast<uintptr_t>(buf_.data() + buf_.size()) + kPage - 1) & ~(kPage - 1);
   const uintptr_t to = reinterpret_cast<uintptr_t>(buf_.data() + buf_.capacity()) & ~(kPage - 1);
   if (to > from && to - from >= kPopulateFrom)
     (void)::madvise(reinterpret_cast<void*>(from), to - from, MADV_POPULATE_WRITE);

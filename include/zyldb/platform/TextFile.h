@@ -34,6 +34,9 @@ class ZYLDB_EXPORT TextFile {
   // Writes every line followed by the style's line end, atomically as
   // described above. Returns false when the file could not be written (the
   // old file, if any, is then unchanged and no temporary file is left).
+  // With LF line ends the lines' own buffer is written, the line ends put in
+  // place for the while: no other thread may read the file meanwhile. The
+  // lines are the same afterwards, whatever the result.
   bool save(const LightweightString<wchar_t>& name, eEOLStyle style = eLF) const;
 
   // Memory exhaustion leaves the file as it was.
