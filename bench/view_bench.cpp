@@ -26,9 +26,12 @@
 // table and in each view alike. Scattered deletions with more than
 // kMaxRunRows (runs x rows) are skipped rather than run for minutes.
 
-#include <sys/stat.h>
-
 #include <benchmark/benchmark.h>
+#include <sys/stat.h>
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/db/zyldb.h>
+#include <zyldb/platform/LightweightString.h>
+#include <zyldb/view/ODBView.h>
 
 #include <climits>
 #include <cstdint>
@@ -38,11 +41,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/db/zyldb.h>
-#include <zyldb/platform/LightweightString.h>
-#include <zyldb/view/ODBView.h>
 
 #include "LogGenerator.h"
 
@@ -72,7 +70,8 @@ zyldb& sourceTable(size_t rows) {
     std::fprintf(stderr, "view_bench: cannot write %s\n", path.c_str());
     std::exit(1);
   }
-  t.reset(new zyldb(LightweightString<wchar_t>(std::wstring(path.begin(), path.end())), INT_MAX, false));
+  t.reset(new zyldb(LightweightString<wchar_t>(std::wstring(path.begin(), path.end())), INT_MAX,
+                    false));
   if (!t->get_valid() || t->get_num_records() != rows) {
     std::fprintf(stderr, "view_bench: cannot load %s\n", path.c_str());
     std::exit(1);
@@ -96,7 +95,8 @@ std::vector<unsigned> doomedRows(size_t n, int percent, bool runs) {
     const size_t count = n * static_cast<size_t>(percent) / 100 / len;
     const size_t stride = count ? n / count : n;
     for (size_t k = 0; k < count; ++k)
-      for (size_t i = 0; i < len && k * stride + i < n; ++i) out.push_back(static_cast<unsigned>(k * stride + i));
+      for (size_t i = 0; i < len && k * stride + i < n; ++i)
+        out.push_back(static_cast<unsigned>(k * stride + i));
   } else {
     uint64_t x = 0x9e3779b97f4a7c15ull;
     for (size_t r = 0; r < n; ++r) {

@@ -13,12 +13,12 @@
 // The example never changes LOG. It prints what it does and exits with 1 when
 // something does not read back as written.
 
+#include <zyldb/all.h>
+
 #include <climits>
 #include <cstdio>
 #include <string>
 #include <vector>
-
-#include <zyldb/all.h>
 
 namespace {
 
@@ -96,7 +96,8 @@ bool writeBin(zyldb& table, const std::string& bin) {
 
   for (size_t count : {size_t{2}, clips.size()}) {
     QMContainerFile::Writer w(descs);
-    for (size_t i = 0; i < count; ++i) w.addItem(clips[i])->set_field(1, static_cast<int>(5 - i % 5));
+    for (size_t i = 0; i < count; ++i)
+      w.addItem(clips[i])->set_field(1, static_cast<int>(5 - i % 5));
     w.setName(count == 2 ? "Selects (draft)" : "Selects");
     w.setPermanent(count != 2);
     w.save(widen(bin));
@@ -144,9 +145,12 @@ int main(int argc, char** argv) {
                 table.get_num_fields());
     ok = arrangeColumns(table, out) && writeBin(table, bin);
   } else {
-    DBFieldDesc descs[] = {{"Name", DBFieldTypes::text},  {"Cookie", DBFieldTypes::text_s},
-                           {"Reel", DBFieldTypes::text},  {"Scene", DBFieldTypes::text},
-                           {"Take", DBFieldTypes::text},  {"Notes", DBFieldTypes::text},
+    DBFieldDesc descs[] = {{"Name", DBFieldTypes::text},
+                           {"Cookie", DBFieldTypes::text_s},
+                           {"Reel", DBFieldTypes::text},
+                           {"Scene", DBFieldTypes::text},
+                           {"Take", DBFieldTypes::text},
+                           {"Notes", DBFieldTypes::text},
                            {}};
     zyldb table(descs);
     fillSmallLog(table);

@@ -4,6 +4,11 @@
 // and read back, must give the same cookies in the same order.
 
 #include <unistd.h>
+#include <zyldb/container/QMContainerFile.h>
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/Logging.h>
+#include <zyldb/platform/OS.h>
+#include <zyldb/platform/TextUtil.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -11,12 +16,6 @@
 #include <cstdlib>
 #include <string>
 #include <vector>
-
-#include <zyldb/container/QMContainerFile.h>
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/platform/Logging.h>
-#include <zyldb/platform/OS.h>
-#include <zyldb/platform/TextUtil.h>
 
 namespace {
 

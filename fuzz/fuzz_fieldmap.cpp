@@ -4,14 +4,14 @@
 // the text written by asString binds back to the same entries (apart from
 // entries whose names the source lacks, which the text cannot name).
 
+#include <zyldb/db/zyldb.h>
+#include <zyldb/fieldmap/FieldMap.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>
-
-#include <zyldb/db/zyldb.h>
-#include <zyldb/fieldmap/FieldMap.h>
 
 namespace {
 
@@ -43,7 +43,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   std::vector<DBFieldDesc> descs;
   for (unsigned i = 0; i < columns; ++i)
-    descs.push_back({LightweightString<char>(("c" + std::to_string(i)).c_str()), DBFieldTypes::text});
+    descs.push_back(
+        {LightweightString<char>(("c" + std::to_string(i)).c_str()), DBFieldTypes::text});
   zyldb table(descs);
   table.add_param(FieldMap::kFieldMapParam, text.c_str());
 

@@ -5,6 +5,10 @@
 // of its rows.
 
 #include <unistd.h>
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/db/zyldb.h>
+#include <zyldb/platform/Logging.h>
+#include <zyldb/platform/TextUtil.h>
 
 #include <climits>
 #include <cstddef>
@@ -12,11 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/db/zyldb.h>
-#include <zyldb/platform/Logging.h>
-#include <zyldb/platform/TextUtil.h>
 
 namespace {
 

@@ -6,6 +6,9 @@
 // the written line must give the same values and a count equal to their
 // number, and writing that again must give the same line.
 
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/TextFile.h>
+
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
@@ -13,9 +16,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/platform/TextFile.h>
 
 namespace {
 

@@ -3,9 +3,13 @@
 // The whole public API of zyldb. Hosts include this one header and link
 // zyldb::zyldb (or -lzyldb).
 
+#include <zyldb/container/QMContainerFile.h>
+#include <zyldb/db/DBFieldTypes.h>
+#include <zyldb/db/ODBBase.h>
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/db/zyldb.h>
 #include <zyldb/export.h>
-#include <zyldb/version.h>
-
+#include <zyldb/fieldmap/FieldMap.h>
 #include <zyldb/platform/AssocList.h>
 #include <zyldb/platform/Cookie.h>
 #include <zyldb/platform/CriticalSection.h>
@@ -22,7 +26,8 @@
 #include <zyldb/platform/TextUtil.h>
 #include <zyldb/platform/configb.h>
 #include <zyldb/platform/time_def.h>
-
+#include <zyldb/sexpr/SExpr.h>
+#include <zyldb/version.h>
+#include <zyldb/view/ODBView.h>
+#include <zyldb/view/ODBViewCursor.h>
 #include <zyldb/zyldbDllVersion.h>
-#include <zyldb/fieldmap/FieldMap.h>
-#include <zyldb/container/QMContainerFile.h>

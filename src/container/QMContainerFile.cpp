@@ -1,12 +1,11 @@
 #include <zyldb/container/QMContainerFile.h>
-
-#include <climits>
-#include <cstdlib>
-
 #include <zyldb/db/DBFieldTypes.h>
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/platform/OS.h>
 #include <zyldb/platform/TextUtil.h>
+
+#include <climits>
+#include <cstdlib>
 
 namespace {
 
@@ -136,9 +135,7 @@ LightweightString<char> QMContainerFile::Reader::getName() const {
   return getAttrib(getNameParamKey());
 }
 
-LightweightString<wchar_t> QMContainerFile::Reader::getNameW() const {
-  return fromUTF8(getName());
-}
+LightweightString<wchar_t> QMContainerFile::Reader::getNameW() const { return fromUTF8(getName()); }
 
 bool QMContainerFile::Reader::isPermanent() const {
   return BoolFromString(getAttrib(getPermanentParamKey()), false);

@@ -1,11 +1,9 @@
+#include <strings.h>
 #include <zyldb/db/DBFieldTypes.h>
 
 #include <cstring>
 #include <new>
 #include <string>
-
-#include <strings.h>
-
 
 namespace {
 
@@ -16,11 +14,16 @@ struct TypeKeyword {
 
 // In the order the parser tests them.
 constexpr TypeKeyword kTypeKeywords[] = {
-    {"timecode", DBFieldTypes::timecode},   {"timecode_s", DBFieldTypes::timecode_s},
-    {"text", DBFieldTypes::text},           {"text_s", DBFieldTypes::text_s},
-    {"time_of_day", DBFieldTypes::time_of_day}, {"date", DBFieldTypes::date},
-    {"dos_date", DBFieldTypes::dos_date},   {"char", DBFieldTypes::char_},
-    {"numeric", DBFieldTypes::numeric},     {"long", DBFieldTypes::long_},
+    {"timecode", DBFieldTypes::timecode},
+    {"timecode_s", DBFieldTypes::timecode_s},
+    {"text", DBFieldTypes::text},
+    {"text_s", DBFieldTypes::text_s},
+    {"time_of_day", DBFieldTypes::time_of_day},
+    {"date", DBFieldTypes::date},
+    {"dos_date", DBFieldTypes::dos_date},
+    {"char", DBFieldTypes::char_},
+    {"numeric", DBFieldTypes::numeric},
+    {"long", DBFieldTypes::long_},
     {"double", DBFieldTypes::double_},
 };
 

@@ -1,6 +1,6 @@
-#include "db/LibrarySettings_internal.h"
-
 #include <zyldb/platform/configb.h>
+
+#include "db/LibrarySettings_internal.h"
 
 namespace zyl {
 

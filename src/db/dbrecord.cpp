@@ -1,11 +1,10 @@
+#include <strings.h>
 #include <zyldb/db/dbrecord.h>
 
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <utility>
-
-#include <strings.h>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -181,10 +180,12 @@ struct ConfigMapping {
 // whatever the settings; the other reel columns only when reel fields are
 // editable.
 constexpr ConfigMapping kConfigMappings[] = {
-    {"notes", "notes"},         {"who", "who"},           {"scene", "scene"},
-    {"description", "description"}, {"shot", "shot"},     {"reel", "reelid"},
-    {"snd reel", "reelid1"},    {"24P reel", "24P_reel"}, {"cam reel", "camreel"},
-    {"comp reel", "comp_reel"}, {"lab reel", "lab_reel"},
+    {"notes", "notes"},       {"who", "who"},
+    {"scene", "scene"},       {"description", "description"},
+    {"shot", "shot"},         {"reel", "reelid"},
+    {"snd reel", "reelid1"},  {"24P reel", "24P_reel"},
+    {"cam reel", "camreel"},  {"comp reel", "comp_reel"},
+    {"lab reel", "lab_reel"},
 };
 constexpr size_t kAlwaysMapped = 6;
 

@@ -1,5 +1,4 @@
-#include <zyldb/zyldbDllVersion.h>
-
 #include <zyldb/version.h>
+#include <zyldb/zyldbDllVersion.h>
 
 const char* zyldbDllVersionStr() { return ZYLDB_VERSION_STRING; }

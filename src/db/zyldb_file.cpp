@@ -1,7 +1,13 @@
 // The table's file header and whole-file loading and saving. The text format
 // is described in docs/FILE_FORMAT.md.
 
+#include <strings.h>
+#include <zyldb/db/dbrecord.h>
 #include <zyldb/db/zyldb.h>
+#include <zyldb/platform/Logging.h>
+#include <zyldb/platform/QmException.h>
+#include <zyldb/platform/TextFile.h>
+#include <zyldb/platform/TextUtil.h>
 
 #include <cctype>
 #include <climits>
@@ -11,14 +17,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <strings.h>
-
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/platform/Logging.h>
-#include <zyldb/platform/QmException.h>
-#include <zyldb/platform/TextFile.h>
-#include <zyldb/platform/TextUtil.h>
 
 namespace {
 
@@ -37,20 +35,47 @@ struct MinWidth {
 // Display widths below which a column of that name is never written; the
 // first match (ignoring case) wins.
 constexpr MinWidth kMinWidths[] = {
-    {"Cookie", 12},         {"Type", 6},           {"Flags", 8},
-    {"Name", 32},           {"Date", 12},          {"Size", 8},
-    {"pic qual", 4},        {"aud qual", 32},      {"chans", 64},
-    {"Start time", 12},     {"End time", 12},      {"Duration", 16},
-    {"Reel", 10},           {"Reel Type", 30},     {"Scene", 24},
-    {"Shot", 24},           {"Who", 24},           {"Description", 64},
-    {"Notes", 100},         {"snd start", 12},     {"snd end", 12},
-    {"snd reel", 10},       {"start 24P code", 12}, {"end 24P code", 12},
-    {"24P reel", 10},       {"film_origin", 3},    {"pulldown", 3},
-    {"sequence", 2},        {"start keycode", 17}, {"end keycode", 17},
-    {"film duration", 9},   {"start camcode", 12}, {"end camcode", 12},
-    {"cam reel", 10},       {"comp reel", 10},     {"cam_date", 6},
-    {"start inkcode", 15},  {"end inkcode", 15},   {"lab reel", 10},
-    {"Mdrive", 4},          {"Tag", 1},
+    {"Cookie", 12},
+    {"Type", 6},
+    {"Flags", 8},
+    {"Name", 32},
+    {"Date", 12},
+    {"Size", 8},
+    {"pic qual", 4},
+    {"aud qual", 32},
+    {"chans", 64},
+    {"Start time", 12},
+    {"End time", 12},
+    {"Duration", 16},
+    {"Reel", 10},
+    {"Reel Type", 30},
+    {"Scene", 24},
+    {"Shot", 24},
+    {"Who", 24},
+    {"Description", 64},
+    {"Notes", 100},
+    {"snd start", 12},
+    {"snd end", 12},
+    {"snd reel", 10},
+    {"start 24P code", 12},
+    {"end 24P code", 12},
+    {"24P reel", 10},
+    {"film_origin", 3},
+    {"pulldown", 3},
+    {"sequence", 2},
+    {"start keycode", 17},
+    {"end keycode", 17},
+    {"film duration", 9},
+    {"start camcode", 12},
+    {"end camcode", 12},
+    {"cam reel", 10},
+    {"comp reel", 10},
+    {"cam_date", 6},
+    {"start inkcode", 15},
+    {"end inkcode", 15},
+    {"lab reel", 10},
+    {"Mdrive", 4},
+    {"Tag", 1},
 };
 constexpr int kDefaultMinWidth = 4;
 
@@ -58,17 +83,28 @@ constexpr int kDefaultMinWidth = 4;
 // one, otherwise null (the code is written as one character).
 const char* typeKeyword(DBFieldTypes::eType t) {
   switch (t) {
-    case DBFieldTypes::text_s: return "text_s";
-    case DBFieldTypes::time_of_day: return "time_of_day";
-    case DBFieldTypes::dos_date: return "dos_date";
-    case DBFieldTypes::timecode_s: return "timecode_s";
-    case DBFieldTypes::text: return "text";
-    case DBFieldTypes::date: return "date";
-    case DBFieldTypes::double_: return "double";
-    case DBFieldTypes::long_: return "long";
-    case DBFieldTypes::numeric: return "numeric";
-    case DBFieldTypes::timecode: return "timecode";
-    default: return nullptr;
+    case DBFieldTypes::text_s:
+      return "text_s";
+    case DBFieldTypes::time_of_day:
+      return "time_of_day";
+    case DBFieldTypes::dos_date:
+      return "dos_date";
+    case DBFieldTypes::timecode_s:
+      return "timecode_s";
+    case DBFieldTypes::text:
+      return "text";
+    case DBFieldTypes::date:
+      return "date";
+    case DBFieldTypes::double_:
+      return "double";
+    case DBFieldTypes::long_:
+      return "long";
+    case DBFieldTypes::numeric:
+      return "numeric";
+    case DBFieldTypes::timecode:
+      return "timecode";
+    default:
+      return nullptr;
   }
 }
 
@@ -166,8 +202,8 @@ namespace {
 
 // Appends (name, value) to a parameter list with room for it. Both copies
 // are made before the list changes, so exhaustion leaves it as it was.
-void appendParam(char** names, char** values, uint32_t& count, const char* name,
-                 size_t nameLen, const char* value) {
+void appendParam(char** names, char** values, uint32_t& count, const char* name, size_t nameLen,
+                 const char* value) {
   std::unique_ptr<char[]> n(copyParamText(name, nameLen));
   values[count] = copyParamText(value, std::strlen(value));
   names[count] = n.release();
@@ -226,8 +262,8 @@ int zyldb::read_params(TextFile& f, dbrecord* scratch) {
   long rev = *digits ? std::strtol(digits, nullptr, 10) : 0;
   revision = rev > INT_MAX ? INT_MAX : static_cast<int32_t>(rev);
   if (revision != kCurrentRevision)
-    vorn_printf("zyldb::read_text:  Warning: zyldb is revision %d, current level is %d\n",
-                revision, kCurrentRevision);
+    vorn_printf("zyldb::read_text:  Warning: zyldb is revision %d, current level is %d\n", revision,
+                kCurrentRevision);
 
   // Parameter lines up to the terminator. A line without a colon is not a
   // parameter: it ends the header there and stays in `scratch`, so that a
@@ -291,9 +327,12 @@ void writeColumnHeader(const zyldb& table, TextFile& f, const std::vector<size_t
         // An unnamed code is written as its one character. Characters that
         // would break the line are escaped as in a value.
         char c = static_cast<char>(type);
-        if (c == '"') line += "\"\"";
-        else if (c == '\n') line += "\\n";
-        else if (c != '\r' && c != 0) line += c;
+        if (c == '"')
+          line += "\"\"";
+        else if (c == '\n')
+          line += "\\n";
+        else if (c != '\r' && c != 0)
+          line += c;
       }
       line += '"';
       if (i + 1 < n) line += ',';
@@ -401,7 +440,8 @@ void zyldb::loadFromFile(int maxRecords, bool strictHeader) {
     fieldTypes.resize(columns, DBFieldTypes::text);
     numFields = columns;
     for (unsigned int i = 0; i < columns; ++i) {
-      const LightweightString<char> lower = toLower(scratch.getField(static_cast<unsigned short>(i)));
+      const LightweightString<char> lower =
+          toLower(scratch.getField(static_cast<unsigned short>(i)));
       bool label = lower.view().find("start") != std::string_view::npos ||
                    lower.view().find("end") != std::string_view::npos;
       if (label) timecodeFields_.push_back(static_cast<int>(i));
@@ -463,8 +503,8 @@ namespace {
 // Writes `n` raw rows to f, first storing each row's tag flag ("0"/"1") in
 // the column `tagColumn` when there is one (visible and raw rows coincide
 // unless only tags are shown). Returns the number of rows written.
-int writeRows(zyldb& table, TextFile& f, dbrecord* const* rows, unsigned int n,
-              int tagColumn, bool showTagsOnly) {
+int writeRows(zyldb& table, TextFile& f, dbrecord* const* rows, unsigned int n, int tagColumn,
+              bool showTagsOnly) {
   int written = 0;
   for (unsigned int i = 0; i < n; ++i) {
     dbrecord* rec = rows[i];

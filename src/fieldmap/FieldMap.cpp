@@ -1,13 +1,11 @@
-#include <zyldb/fieldmap/FieldMap.h>
-
 #include <strings.h>
+#include <zyldb/db/zyldb.h>
+#include <zyldb/fieldmap/FieldMap.h>
 
 #include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <string>
-
-#include <zyldb/db/zyldb.h>
 
 namespace {
 

@@ -18,6 +18,8 @@
 // destructors) go straight to the global atomics.
 
 #include <malloc.h>
+#include <zyldb/platform/OS.h>
+#include <zyldb/platform/QmException.h>
 
 #include <algorithm>
 #include <atomic>
@@ -26,9 +28,6 @@
 #include <cstring>
 #include <mutex>
 #include <new>
-
-#include <zyldb/platform/OS.h>
-#include <zyldb/platform/QmException.h>
 
 #include "platform/Allocator_internal.h"
 
@@ -66,8 +65,10 @@ struct ThreadGuard {
     gBytes.fetch_add(tCounters.bytes.load(std::memory_order_relaxed), std::memory_order_relaxed);
     gAllocations.fetch_add(tCounters.allocations.load(std::memory_order_relaxed),
                            std::memory_order_relaxed);
-    if (tCounters.prev) tCounters.prev->next = tCounters.next;
-    else gThreads = tCounters.next;
+    if (tCounters.prev)
+      tCounters.prev->next = tCounters.next;
+    else
+      gThreads = tCounters.next;
     if (tCounters.next) tCounters.next->prev = tCounters.prev;
     tState = kExited;
   }

@@ -1,6 +1,5 @@
-#include <zyldb/platform/AssocList.h>
-
 #include <strings.h>
+#include <zyldb/platform/AssocList.h>
 
 namespace {
 

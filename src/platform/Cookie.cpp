@@ -131,6 +131,8 @@ void CookieVec::push_back(const Cookie& c) {
 }
 
 void CookieVec::clear() {
-  if (items_.use_count() > 1) items_ = std::make_shared<std::vector<Cookie>>();
-  else items_->clear();
+  if (items_.use_count() > 1)
+    items_ = std::make_shared<std::vector<Cookie>>();
+  else
+    items_->clear();
 }

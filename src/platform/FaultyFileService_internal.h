@@ -14,10 +14,10 @@
 // time; the counters are atomic only so that stray calls from other threads
 // are not undefined behaviour.
 
+#include <zyldb/platform/OS.h>
+
 #include <atomic>
 #include <string>
-
-#include <zyldb/platform/OS.h>
 
 namespace zyl::testing {
 

@@ -16,12 +16,12 @@
 // chunk can hold (each takes at least 4 bytes), so the count cannot reach
 // zero while the chunk is current.
 
+#include <zyldb/platform/LightweightString.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
-
-#include <zyldb/platform/LightweightString.h>
 
 #include "platform/Allocator_internal.h"
 #include "platform/LightweightString_internal.h"

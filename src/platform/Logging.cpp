@@ -17,9 +17,9 @@
 namespace {
 
 constinit std::mutex gLogMutex;
-constinit zyl::LogSink* gSink = nullptr;             // null: stderr
+constinit zyl::LogSink* gSink = nullptr;  // null: stderr
 constinit std::mutex gSplatMutex;
-constinit zyl::SplatHandler* gSplat = nullptr;       // null: log and abort
+constinit zyl::SplatHandler* gSplat = nullptr;  // null: log and abort
 
 void emit(zyl::LogLevel level, const char* message) {
   std::lock_guard<std::mutex> lock(gLogMutex);

@@ -16,6 +16,7 @@
 // The price is that listeners must not wait for other threads that use the
 // same notifier.
 
+#include <zyldb/platform/CriticalSection.h>
 #include <zyldb/platform/Notifier.h>
 
 #include <algorithm>
@@ -25,8 +26,6 @@
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <zyldb/platform/CriticalSection.h>
 
 namespace {
 
@@ -94,7 +93,8 @@ Qm::Ptr<iObject> Notifier::addListener(const char* typeName,
                                        std::function<int(const NotifyMsg&)> fn) {
   int type = NotifyMsgTypeDictionary::instance().intern(typeName ? typeName : "");
   Qm::Ptr<iCallbackBase<int, NotifyMsg>> cb(new FunctionCallback<int, NotifyMsg>(std::move(fn)));
-  return registerCallback(Qm::Ptr<CallbackInvoker<NotifyMsg>>(new CallbackInvoker<NotifyMsg>(cb, type)));
+  return registerCallback(
+      Qm::Ptr<CallbackInvoker<NotifyMsg>>(new CallbackInvoker<NotifyMsg>(cb, type)));
 }
 
 void Notifier::issueNotification(const NotifyMsg& msg, int type) {
@@ -107,8 +107,10 @@ void Notifier::issueNotification(const NotifyMsg& msg, int type) {
   size_t n = 0;
   for (const auto& slot : state->slots) {
     if (slot->invoker->msgType() != type) continue;
-    if (n < 8) inline_[n] = slot;
-    else more.push_back(slot);
+    if (n < 8)
+      inline_[n] = slot;
+    else
+      more.push_back(slot);
     ++n;
   }
   for (size_t i = 0; i < n; ++i) {

@@ -9,15 +9,14 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zyldb/platform/OS.h>
+#include <zyldb/platform/TextUtil.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
-
-#include <zyldb/platform/OS.h>
-#include <zyldb/platform/TextUtil.h>
 
 #include "platform/PosixFileService_internal.h"
 
@@ -36,9 +35,7 @@ bool recordError(int err) {
   return false;
 }
 
-std::string utf8Path(const LightweightString<wchar_t>& path) {
-  return toUTF8(path).toStdString();
-}
+std::string utf8Path(const LightweightString<wchar_t>& path) { return toUTF8(path).toStdString(); }
 
 int retryClose(int fd) {
   // close() must not be retried on EINTR on Linux: the descriptor is gone.

@@ -1,16 +1,14 @@
 // TextFile: lines held in one buffer, each followed by a NUL, with the
 // offset of every line kept beside it.
 
-#include <zyldb/platform/TextFile.h>
-
 #include <sys/mman.h>
+#include <zyldb/platform/OS.h>
+#include <zyldb/platform/TextFile.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <string>
-
-#include <zyldb/platform/OS.h>
 
 #include "platform/PosixFileService_internal.h"
 
@@ -41,8 +39,10 @@ bool TextFile::load(const LightweightString<wchar_t>& name, char separator, bool
     if (write != read) std::memmove(b + write, b + read, len);
     starts_.push_back(write);
     write += len;
-    if (write < size) b[write] = '\0';
-    else buf_.push_back('\0');  // a last line without line end fills the buffer
+    if (write < size)
+      b[write] = '\0';
+    else
+      buf_.push_back('\0');  // a last line without line end fills the buffer
     ++write;
     read = sep ? end + 1 : size;
     b = buf_.data();

@@ -54,13 +54,16 @@ bool matchOne(std::string_view text, const Criterion& c, const Mapper& m) {
         const char* base = text.data();
         const size_t limit = text.size() - q.size() + 1;
         const char* pl = static_cast<const char*>(std::memchr(base, lo, limit));
-        const char* pu = up == lo ? nullptr : static_cast<const char*>(std::memchr(base, up, limit));
+        const char* pu =
+            up == lo ? nullptr : static_cast<const char*>(std::memchr(base, up, limit));
         while (pl || pu) {
           const char* p = !pu || (pl && pl < pu) ? pl : pu;
           const size_t at = static_cast<size_t>(p - base);
           if (equalAt(text, at, q, m)) return true;
-          if (p == pl) pl = static_cast<const char*>(std::memchr(p + 1, lo, limit - at - 1));
-          else pu = static_cast<const char*>(std::memchr(p + 1, up, limit - at - 1));
+          if (p == pl)
+            pl = static_cast<const char*>(std::memchr(p + 1, lo, limit - at - 1));
+          else
+            pu = static_cast<const char*>(std::memchr(p + 1, up, limit - at - 1));
         }
         return false;
       }

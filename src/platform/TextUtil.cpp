@@ -1,13 +1,12 @@
 // Text helpers: strxcmp, UTF-8, paths, booleans, numbers, splitting.
 
+#include <zyldb/platform/OS.h>
 #include <zyldb/platform/TextUtil.h>
 
 #include <climits>
 #include <cstdio>
 #include <string>
 #include <string_view>
-
-#include <zyldb/platform/OS.h>
 
 #include "platform/TextUtil_internal.h"
 
@@ -102,10 +101,13 @@ bool isEssentiallyEmpty(const LightweightString<char>& s) {
 LightweightString<char> toLower(const LightweightString<char>& s) {
   std::string_view v = s.view();
   size_t i = 0;
-  while (i < v.size() && kLower.map[static_cast<unsigned char>(v[i])] == static_cast<unsigned char>(v[i])) ++i;
+  while (i < v.size() &&
+         kLower.map[static_cast<unsigned char>(v[i])] == static_cast<unsigned char>(v[i]))
+    ++i;
   if (i == v.size()) return s;  // nothing to change: share the text
   std::string out(v);
-  for (; i < out.size(); ++i) out[i] = static_cast<char>(kLower.map[static_cast<unsigned char>(out[i])]);
+  for (; i < out.size(); ++i)
+    out[i] = static_cast<char>(kLower.map[static_cast<unsigned char>(out[i])]);
   return LightweightString<char>(out);
 }
 
@@ -123,9 +125,12 @@ LightweightString<wchar_t> fromUTF8(const LightweightString<char>& s) {
     }
     int extra;
     char32_t cp, min;
-    if (c >= 0xC2 && c <= 0xDF) extra = 1, cp = c & 0x1F, min = 0x80;
-    else if (c >= 0xE0 && c <= 0xEF) extra = 2, cp = c & 0x0F, min = 0x800;
-    else if (c >= 0xF0 && c <= 0xF4) extra = 3, cp = c & 0x07, min = 0x10000;
+    if (c >= 0xC2 && c <= 0xDF)
+      extra = 1, cp = c & 0x1F, min = 0x80;
+    else if (c >= 0xE0 && c <= 0xEF)
+      extra = 2, cp = c & 0x0F, min = 0x800;
+    else if (c >= 0xF0 && c <= 0xF4)
+      extra = 3, cp = c & 0x07, min = 0x10000;
     else {
       out.push_back(L'\uFFFD');
       ++i;
@@ -189,7 +194,9 @@ LightweightString<wchar_t> stripPathAndExt(const LightweightString<wchar_t>& pat
   return LightweightString<wchar_t>(v);
 }
 
-LightweightString<char> BoolAsString(bool b) { return LightweightString<char>(b ? "true" : "false"); }
+LightweightString<char> BoolAsString(bool b) {
+  return LightweightString<char>(b ? "true" : "false");
+}
 
 bool BoolFromString(const LightweightString<char>& s, bool fallback) {
   std::string_view v = s.view();
@@ -197,7 +204,8 @@ bool BoolFromString(const LightweightString<char>& s, bool fallback) {
   while (!v.empty() && isBlank(static_cast<unsigned char>(v.back()))) v.remove_suffix(1);
   if (v.size() > 5) return fallback;
   char low[6] = {};
-  for (size_t i = 0; i < v.size(); ++i) low[i] = static_cast<char>(kLower.map[static_cast<unsigned char>(v[i])]);
+  for (size_t i = 0; i < v.size(); ++i)
+    low[i] = static_cast<char>(kLower.map[static_cast<unsigned char>(v[i])]);
   std::string_view l(low, v.size());
   if (l == "true" || l == "yes" || l == "on" || l == "t" || l == "1") return true;
   if (l == "false" || l == "no" || l == "off" || l == "f" || l == "0") return false;
@@ -237,8 +245,7 @@ LightweightString<wchar_t> WStringFromAscii(const char* s) {
   return LightweightString<wchar_t>(out);
 }
 
-std::vector<LightweightString<char>> splitIf(const LightweightString<char>& s, char sep,
-                                              int mode) {
+std::vector<LightweightString<char>> splitIf(const LightweightString<char>& s, char sep, int mode) {
   std::vector<LightweightString<char>> out;
   std::string_view rest = s.view();
   if (rest.empty()) return out;
@@ -248,8 +255,10 @@ std::vector<LightweightString<char>> splitIf(const LightweightString<char>& s, c
     size_t at = rest.find(sep);
     std::string_view piece = rest.substr(0, at);
     if (trim) {
-      while (!piece.empty() && isBlank(static_cast<unsigned char>(piece.front()))) piece.remove_prefix(1);
-      while (!piece.empty() && isBlank(static_cast<unsigned char>(piece.back()))) piece.remove_suffix(1);
+      while (!piece.empty() && isBlank(static_cast<unsigned char>(piece.front())))
+        piece.remove_prefix(1);
+      while (!piece.empty() && isBlank(static_cast<unsigned char>(piece.back())))
+        piece.remove_suffix(1);
     }
     if (!piece.empty() || keepEmpty)
       out.push_back(LightweightString<char>::packed(piece.data(), piece.size()));

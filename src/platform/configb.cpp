@@ -1,9 +1,10 @@
 // configb, and config_int's sources: the environment, then the file named
 // by ZYLDB_CONFIG, then the default.
 
-#include <zyldb/platform/configb.h>
-
 #include <strings.h>
+#include <zyldb/platform/OS.h>
+#include <zyldb/platform/TextUtil.h>
+#include <zyldb/platform/configb.h>
 
 #include <cctype>
 #include <cerrno>
@@ -12,9 +13,6 @@
 #include <cstring>
 #include <string>
 #include <string_view>
-
-#include <zyldb/platform/OS.h>
-#include <zyldb/platform/TextUtil.h>
 
 namespace {
 

@@ -1,6 +1,5 @@
-#include <zyldb/sexpr/SExpr.h>
-
 #include <zyldb/db/ODBBase.h>
+#include <zyldb/sexpr/SExpr.h>
 
 SExprElt::~SExprElt() = default;
 

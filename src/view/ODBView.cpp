@@ -2,6 +2,10 @@
 // policy, copying, sorting, the handle, and the ODBBase operations that are
 // forwarded to the source.
 
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/Logging.h>
+#include <zyldb/platform/SystemWatchdog.h>
+#include <zyldb/sexpr/SExpr.h>
 #include <zyldb/view/ODBView.h>
 
 #include <algorithm>
@@ -10,11 +14,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/platform/Logging.h>
-#include <zyldb/platform/SystemWatchdog.h>
-#include <zyldb/sexpr/SExpr.h>
 
 #include "db/zyldb_sort_internal.h"
 #include "view/ODBView_internal.h"
@@ -275,7 +274,8 @@ void ODBViewRep::sizeIndexFor(int n) {
   const int want = std::max(n, kMinIndexCapacity);
   int newCapacity = capacity_;
   if (want <= capacity_) {
-    if (static_cast<int64_t>(capacity_) > 2 * static_cast<int64_t>(want)) newCapacity = capacity_ / 2;
+    if (static_cast<int64_t>(capacity_) > 2 * static_cast<int64_t>(want))
+      newCapacity = capacity_ / 2;
   } else {
     newCapacity = static_cast<int>(
         std::min<int64_t>(std::max<int64_t>(2 * static_cast<int64_t>(capacity_), want), INT_MAX));
@@ -314,7 +314,8 @@ void ODBViewRep::sort(int field, int order) {
   if (count_ < 2) return;
   std::vector<dbrecord*> records(static_cast<size_t>(count_));
   bool missing = false;
-  for (int i = 0; i < count_; ++i) missing |= (records[i] = src->get_record(index_[i].row)) == nullptr;
+  for (int i = 0; i < count_; ++i)
+    missing |= (records[i] = src->get_record(index_[i].row)) == nullptr;
   std::vector<ODBViewIndexEntry> sorted(static_cast<size_t>(count_));
   if (!missing) {
     // The table's key-based sort, equal rows keeping their order.
@@ -325,8 +326,9 @@ void ODBViewRep::sort(int field, int order) {
     // key-based sort does not do: compare pairwise.
     std::vector<SortItem> items(static_cast<size_t>(count_));
     for (int i = 0; i < count_; ++i) items[i] = {records[i], index_[i]};
-    std::stable_sort(items.begin(), items.end(),
-                     [](const SortItem& a, const SortItem& b) { return compareSortItems(&a, &b) < 0; });
+    std::stable_sort(items.begin(), items.end(), [](const SortItem& a, const SortItem& b) {
+      return compareSortItems(&a, &b) < 0;
+    });
     for (int i = 0; i < count_; ++i) sorted[i] = items[i].entry;
   }
   std::copy(sorted.begin(), sorted.end(), index_);

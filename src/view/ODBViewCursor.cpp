@@ -1,16 +1,12 @@
-#include <zyldb/view/ODBViewCursor.h>
-
 #include <strings.h>
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/view/ODBViewCursor.h>
 
 #include <cstdint>
 
-#include <zyldb/db/dbrecord.h>
-
 namespace {
 
-int rowCount(const ODBView& view) {
-  return view ? static_cast<int>(view->get_num_records()) : 0;
-}
+int rowCount(const ODBView& view) { return view ? static_cast<int>(view->get_num_records()) : 0; }
 
 }  // namespace
 

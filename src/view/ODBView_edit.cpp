@@ -87,7 +87,8 @@ std::vector<int64_t> originalPoints(const std::vector<int64_t>& d, int64_t count
   const int64_t lo = *std::min_element(d.begin(), d.end());
   const int64_t hi = *std::max_element(d.begin(), d.end()) + static_cast<int64_t>(steps);
   const int64_t span = hi - lo + 1;
-  const int64_t limit = std::max<int64_t>(4 * (count + static_cast<int64_t>(steps)), int64_t{1} << 22);
+  const int64_t limit =
+      std::max<int64_t>(4 * (count + static_cast<int64_t>(steps)), int64_t{1} << 22);
   if (span <= limit) {
     // Every point lies in lo..hi; the point at value d is the (d - lo)-th
     // remaining one there.
@@ -305,7 +306,8 @@ void ODBViewInternal::applyDeletions(ODBViewRep& v, const std::vector<int32_t>& 
     for (size_t t = 0; t < dropped; ++t) {
       for (;;) {
         while (q >= 0 && drops[static_cast<size_t>(q)].pos > hi) --q;
-        if (q >= 0 && drops[static_cast<size_t>(q)].pos == hi && rankOf[static_cast<size_t>(q)] < t) {
+        if (q >= 0 && drops[static_cast<size_t>(q)].pos == hi &&
+            rankOf[static_cast<size_t>(q)] < t) {
           --hi;
           continue;
         }
@@ -515,7 +517,8 @@ void ODBViewRep::deleteRecords(int at, int n) {
     // measured from `at`, which only splits a deletion into more calls.
     int64_t run = 1;
     if (m - 1 > at) {
-      while (run < m - at && index_[at + run].row == index_[at].row + static_cast<uint32_t>(run)) ++run;
+      while (run < m - at && index_[at + run].row == index_[at].row + static_cast<uint32_t>(run))
+        ++run;
     }
     src->delete_records(index_[at].row, static_cast<unsigned int>(run));
     n = static_cast<int>(m - run);
@@ -574,7 +577,8 @@ void ODBViewRep::removeRecordsFromBaseView(int at, int n) {
     if (m < 1) return;
     int64_t run = 1;
     if (at < m - 1) {
-      while (run < m - at && index_[at + run].row == index_[at].row + static_cast<uint32_t>(run)) ++run;
+      while (run < m - at && index_[at + run].row == index_[at].row + static_cast<uint32_t>(run))
+        ++run;
     }
     baseView_->removeRecordsFromBaseView(static_cast<int>(index_[at].row), static_cast<int>(run));
     n = static_cast<int>(m - run);

@@ -14,10 +14,10 @@
 // capacity, and the stale tags of the slots past the count, which the next
 // insertion picks up), so no later operation can tell the difference.
 
+#include <zyldb/view/ODBView.h>
+
 #include <cstdint>
 #include <vector>
-
-#include <zyldb/view/ODBView.h>
 
 namespace zyl {
 

@@ -1,14 +1,13 @@
 // A view's parameters, field spec and file name.
 
+#include <zyldb/platform/Logging.h>
+#include <zyldb/sexpr/SExpr.h>
 #include <zyldb/view/ODBView.h>
 
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
-
-#include <zyldb/platform/Logging.h>
-#include <zyldb/sexpr/SExpr.h>
 
 namespace {
 
@@ -67,7 +66,8 @@ void ODBViewRep::addParamsFrom(zyldb* db) {
 // stays absent (and no entry is made for it, so a view over a table without
 // parameters saves none).
 void ODBViewRep::internRevision() {
-  AssocList::Entry* e = const_cast<AssocList::Entry*>(params_.find(LightweightString<char>(kRevisionKey)));
+  AssocList::Entry* e =
+      const_cast<AssocList::Entry*>(params_.find(LightweightString<char>(kRevisionKey)));
   if (e && e->hasValue && e->value.isNull()) {
     char text[16];
     std::snprintf(text, sizeof text, "Rev %d", 1);

@@ -1,13 +1,12 @@
 // Writing a view as a database file, and turning it into a new table.
 
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/TextFile.h>
+#include <zyldb/platform/TextUtil.h>
 #include <zyldb/view/ODBView.h>
 
 #include <memory>
 #include <string>
-
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/platform/TextFile.h>
-#include <zyldb/platform/TextUtil.h>
 
 namespace {
 

@@ -1,8 +1,9 @@
 // Which source rows a view shows, in which order, and the view's own tags.
 
-#include <zyldb/view/ODBView.h>
-
 #include <strings.h>
+#include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/SystemWatchdog.h>
+#include <zyldb/view/ODBView.h>
 
 #include <algorithm>
 #include <climits>
@@ -10,9 +11,6 @@
 #include <cstring>
 #include <memory>
 #include <unordered_set>
-
-#include <zyldb/db/dbrecord.h>
-#include <zyldb/platform/SystemWatchdog.h>
 
 #include "view/ODBView_internal.h"
 
@@ -31,7 +29,8 @@ int ODBViewRep::displayRecordsAt(int first, int n, int at) {
   // Only the rows are written: each new entry keeps the tag its slot held
   // (that of the entry moved away from it, or 0 in fresh storage).
   std::memmove(index_ + at + n, index_ + at, static_cast<size_t>(count_ - at) * sizeof(*index_));
-  for (int i = 0; i < n; ++i) index_[at + i].row = static_cast<uint32_t>(first) + static_cast<uint32_t>(i);
+  for (int i = 0; i < n; ++i)
+    index_[at + i].row = static_cast<uint32_t>(first) + static_cast<uint32_t>(i);
   count_ += n;
   return n;
 }

@@ -1,15 +1,13 @@
-#include <zyldb/container/QMContainerFile.h>
-
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <zyldb/container/QMContainerFile.h>
+#include <zyldb/platform/TextUtil.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <vector>
-
-#include <zyldb/platform/TextUtil.h>
 
 #include "platform/FaultyFileService_internal.h"
 
@@ -51,7 +49,8 @@ class ContainerTest : public ::testing::Test {
     return std::distance(fs::directory_iterator(dir_), fs::directory_iterator());
   }
 
-  const fs::path dir_ = fs::temp_directory_path() / ("zyldb_container_" + std::to_string(::getpid()));
+  const fs::path dir_ =
+      fs::temp_directory_path() / ("zyldb_container_" + std::to_string(::getpid()));
   const std::string file_ = (dir_ / "bin.bsg").string();
 };
 
@@ -152,7 +151,8 @@ TEST(ContainerNames, CookieFromFilename) {
   struct {
     const char* ext;
     CookieType type;
-  } cases[] = {{".bsg", 'M'}, {".BSG", 'M'}, {".rak", 'B'}, {".rAK", 'B'}, {".log", 'C'}, {"", 'C'}};
+  } cases[] = {{".bsg", 'M'}, {".BSG", 'M'}, {".rak", 'B'},
+               {".rAK", 'B'}, {".log", 'C'}, {"", 'C'}};
   for (const auto& k : cases) {
     SCOPED_TRACE(k.ext);
     Cookie got = QMContainerFile::getCookieFromFilename(W(name + k.ext));

@@ -1,4 +1,9 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <zyldb/db/dbrecord.h>
+#include <zyldb/db/zyldb.h>
+#include <zyldb/platform/TextFile.h>
+#include <zyldb/platform/configb.h>
 
 #include <cctype>
 #include <cstring>
@@ -6,13 +11,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <zyldb/db/zyldb.h>
-#include <zyldb/platform/TextFile.h>
-#include <zyldb/platform/configb.h>
 
 #include "db/LibrarySettings_internal.h"
 
@@ -88,17 +86,20 @@ TEST(DbRecordLine, ReadFollowsTheLineRules) {
       {R"(ab""cd,e"f"g)", 2, {"ab\"cd", "efg"}},
       {R"("back\slash","trail\n")", 2, {"back\\slash", "trail"}},
       {"\" \xC3\xA9t\xC3\xA9 \"", 1, {"\xC3\xA9t\xC3\xA9"}},
-      {v5000, 2, {v4095, v904}},             // the 4096th byte is the separator
+      {v5000, 2, {v4095, v904}},  // the 4096th byte is the separator
       {v4095 + "v", 1, {v4095}},
       {'"' + v4095 + R"(","b")", 2, {v4095, "b"}},  // a full value keeps its comma
       {'"' + v5000 + R"(","b")", 3, {v4095, v904, "b"}},
       // Runs longer than sixteen bytes, with the stops late in them.
-      {R"("quoted, with commas, past sixteen bytes",x)", 2,
+      {R"("quoted, with commas, past sixteen bytes",x)",
+       2,
        {"quoted, with commas, past sixteen bytes", "x"}},
-      {R"(unquoted value longer than sixteen,and more)", 2,
+      {R"(unquoted value longer than sixteen,and more)",
+       2,
        {"unquoted value longer than sixteen", "and more"}},
       {R"("a plain stretch then an escape 
- and ""more""   ")", 1,
+ and ""more""   ")",
+       1,
        {"a plain stretch then an escape \n and \"more\""}},
       {R"("\nstarts with a break","""quoted""")", 2, {"\nstarts with a break", "\"quoted\""}},
       // A doubled quote fills the value; the byte after it is the separator.

@@ -1,18 +1,8 @@
 // The table's header, loading and saving of whole files.
 
-#include <climits>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <unistd.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
+#include <unistd.h>
 #include <zyldb/db/DBFieldTypes.h>
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/db/zyldb.h>
@@ -21,6 +11,14 @@
 #include <zyldb/platform/QmException.h>
 #include <zyldb/platform/TextFile.h>
 #include <zyldb/platform/TextUtil.h>
+
+#include <climits>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "platform/FaultyFileService_internal.h"
 #include "platform/LightweightString_internal.h"
@@ -68,8 +66,9 @@ std::string slurp(const std::string& path) {
 }
 
 const std::string kClips = slurp(std::string(ZYLDB_SOURCE_DIR) + "/examples/clips.log");
-const std::string kHeader = "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\",\"4\"\n"
-                            "\"text\",\"text\",\"text\"\n\"A\",\"B\",\"C\"\n";
+const std::string kHeader =
+    "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\",\"4\"\n"
+    "\"text\",\"text\",\"text\"\n\"A\",\"B\",\"C\"\n";
 const std::string kOneColumn = "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\"\n\"text\"\n\"A\"\n";
 
 class ZyldbFileTest : public ::testing::Test {
@@ -109,14 +108,19 @@ TEST(FieldTypes, ParserWidthsAndStringHelpers) {
   struct Case {
     const char* text;
     int type;
-  } cases[] = {{"TIMECODE", 't'}, {"Timecode_S", 'T'}, {"text", 'a'}, {"TEXT_S", 'A'},
-               {"time_of_day", 'D'}, {"Date", 'd'}, {"DOS_DATE", 'M'}, {"char", 'c'},
-               {"numeric", 'n'}, {"long", 'l'}, {"double", 'f'}, {"A", 'A'}, {"a", 'a'},
-               {"x", 'x'}, {"", 0}, {"texts", 0}, {" text", 0}, {"ab", 0}};
+  } cases[] = {
+      {"TIMECODE", 't'}, {"Timecode_S", 'T'}, {"text", 'a'}, {"TEXT_S", 'A'},  {"time_of_day", 'D'},
+      {"Date", 'd'},     {"DOS_DATE", 'M'},   {"char", 'c'}, {"numeric", 'n'}, {"long", 'l'},
+      {"double", 'f'},   {"A", 'A'},          {"a", 'a'},    {"x", 'x'},       {"", 0},
+      {"texts", 0},      {" text", 0},        {"ab", 0}};
   for (const Case& c : cases) EXPECT_EQ(zyldb_string_to_fieldtype(c.text), c.type) << c.text;
 
-  for (auto [name, width] : {std::pair<const char*, int>{"notes", 100}, {"TAG", 1}, {"Clip", 4},
-                             {"Reel Type", 30}, {"start 24P code", 12}, {nullptr, 4}})
+  for (auto [name, width] : {std::pair<const char*, int>{"notes", 100},
+                             {"TAG", 1},
+                             {"Clip", 4},
+                             {"Reel Type", 30},
+                             {"start 24P code", 12},
+                             {nullptr, 4}})
     EXPECT_EQ(zyldb::getMinFieldSize(name), width) << (name ? name : "null");
 
   EXPECT_THAT(strip_char_from_string('&', "&Reel &Name").c_str(), StrEq("Reel Name"));
@@ -200,16 +204,20 @@ TEST_F(ZyldbFileTest, ReadParams) {
 }
 
 TEST(ColumnHeader, WritesWidthsTypesAndNames) {
-  zyldb t(columns({{"Name", 'a'}, {"Start time", 't'}, {"Code", 'c'}, {"Odd", 'x'},
-                   {"Rate", 'f'}, {"Kind", 'A'}}));
+  zyldb t(columns({{"Name", 'a'},
+                   {"Start time", 't'},
+                   {"Code", 'c'},
+                   {"Odd", 'x'},
+                   {"Rate", 'f'},
+                   {"Kind", 'A'}}));
   t.set_field(t.add_records(1), 2u, "1234567");
   TextFile full, names;
   EXPECT_EQ(t.save_column_header(full, false), 1);
   t.save_column_header(names, true);
   const std::string namesLine = R"("Name","Start time","Code","Odd","Rate","Kind")";
-  EXPECT_THAT(linesOf(full), ElementsAre("\"ZYLDB\"", R"("32","12","7","4","4","4")",
-                                         R"("text","timecode","c","x","double","text_s")",
-                                         namesLine));
+  EXPECT_THAT(linesOf(full),
+              ElementsAre("\"ZYLDB\"", R"("32","12","7","4","4","4")",
+                          R"("text","timecode","c","x","double","text_s")", namesLine));
   EXPECT_THAT(linesOf(names), ElementsAre(namesLine));
 }
 
@@ -247,40 +255,100 @@ TEST_F(ZyldbFileTest, LoadingReportsErrorsAndWarnings) {
     std::string types = "aaa";
   } cases[] = {
       {"header only", kHeader, 1, {}, {}},
-      {"short row", kHeader + "\"1\",\"2\",\"3\"\n\"4\",\"5\"\n\"7\",\"8\",\"9\"\n", 1,
-       {{"1", "2", "3"}}, {1, 1, 0, 0}, {user}},
+      {"short row",
+       kHeader + "\"1\",\"2\",\"3\"\n\"4\",\"5\"\n\"7\",\"8\",\"9\"\n",
+       1,
+       {{"1", "2", "3"}},
+       {1, 1, 0, 0},
+       {user}},
       {"tab makes an extra field", kHeader + "\"1\",\t\"2\",\"3\"\n", 1, {}, {1, 0, 0, 0}, {user}},
-      {"truncated record", kHeader + "\"1\",\"2\",\"3\"\n\"4\",\"5", 1, {{"1", "2", "3"}},
-       {1, 1, 0, 0}, {user}},
-      {"empty line ends records", kHeader + "\"1\",\"2\",\"3\"\n\n\"4\",\"5\",\"6\"\n", 1,
-       {{"1", "2", "3"}}, {}},
-      {"CRLF", "\"ZYLDB:Rev 1\"\r\n\"ZYLDB\"\r\n\"4\",\"4\",\"4\"\r\n\"text\",\"text\",\"text\"\r\n"
-               "\"A\",\"B\",\"C\"\r\n\"1\",\"2\",\"3\"\r\n\"4\",\"5\",\"6\"",
-       1, {{"1", "2", "3"}, {"4", "5", "6"}}, {}},
-      {"NUL ends a line", kHeader + std::string("\"1\",\"2\",\"3\0\",\"4\"\n", 17), 1,
-       {{"1", "2", "3"}}, {}},
-      {"long value", kHeader + "\"a\",\"" + long5000 + "\"\n", 1,
-       {{"a", long5000.substr(0, 4095), long5000.substr(0, 904)}}, {}},
-      {"types count", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\"\n\"A\",\"B\"\n", 0, {},
-       {3, 3, 0, 0}, {}, ""},
-      {"names count", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"t\"\n\"A\"\n", 0, {},
-       {3, 4, 0, 0}, {}, "at"},
-      {"truncated header", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"t\"\n", 0, {},
-       {3, 4, 0, 0}, {}, "at"},
-      {"unknown type", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"bogus\"\n\"A\",\"B\"\n"
-                       "\"1\",\"2\"\n",
-       1, {{"1", "2"}}, {2, 3, 0, 0}, {}, "aa"},
+      {"truncated record",
+       kHeader + "\"1\",\"2\",\"3\"\n\"4\",\"5",
+       1,
+       {{"1", "2", "3"}},
+       {1, 1, 0, 0},
+       {user}},
+      {"empty line ends records",
+       kHeader + "\"1\",\"2\",\"3\"\n\n\"4\",\"5\",\"6\"\n",
+       1,
+       {{"1", "2", "3"}},
+       {}},
+      {"CRLF",
+       "\"ZYLDB:Rev 1\"\r\n\"ZYLDB\"\r\n\"4\",\"4\",\"4\"\r\n\"text\",\"text\",\"text\"\r\n"
+       "\"A\",\"B\",\"C\"\r\n\"1\",\"2\",\"3\"\r\n\"4\",\"5\",\"6\"",
+       1,
+       {{"1", "2", "3"}, {"4", "5", "6"}},
+       {}},
+      {"NUL ends a line",
+       kHeader + std::string("\"1\",\"2\",\"3\0\",\"4\"\n", 17),
+       1,
+       {{"1", "2", "3"}},
+       {}},
+      {"long value",
+       kHeader + "\"a\",\"" + long5000 + "\"\n",
+       1,
+       {{"a", long5000.substr(0, 4095), long5000.substr(0, 904)}},
+       {}},
+      {"types count",
+       "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\"\n\"A\",\"B\"\n",
+       0,
+       {},
+       {3, 3, 0, 0},
+       {},
+       ""},
+      {"names count",
+       "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"t\"\n\"A\"\n",
+       0,
+       {},
+       {3, 4, 0, 0},
+       {},
+       "at"},
+      {"truncated header",
+       "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"t\"\n",
+       0,
+       {},
+       {3, 4, 0, 0},
+       {},
+       "at"},
+      {"unknown type",
+       "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"bogus\"\n\"A\",\"B\"\n"
+       "\"1\",\"2\"\n",
+       1,
+       {{"1", "2"}},
+       {2, 3, 0, 0},
+       {},
+       "aa"},
       {"no magic", "\"A\",\"B\",\"C\"\n\"1\",\"2\",\"3\"\n", 0, {}, {}, {}, ""},
       {"empty file", "", 0, {}, {}, {}, ""},
-      {"revision 2", "\"ZYLDB:Rev 2\"\n\"ZYLDB\"\n\"4\"\n\"c\"\n\"A\"\n\"1\"\n", 1, {{"1"}}, {},
-       {"log: zyldb::read_text:  Warning: zyldb is revision 2, current level is 1\n"}, "c"},
-      {"header line among records", kOneColumn + "\"r1\"\n\"zyldb\"\n\"s1\"\n\"s2\"\n\"kept\"\n",
-       1, {{"r1"}, {"kept"}}, {}, {}, "a"},
-      {"header line at the end", kOneColumn + "\"r1\"\n\"ZYLDB\"\n\"s1\"\n", 1, {{"r1"}}, {},
-       {noMore}, "a"},
+      {"revision 2",
+       "\"ZYLDB:Rev 2\"\n\"ZYLDB\"\n\"4\"\n\"c\"\n\"A\"\n\"1\"\n",
+       1,
+       {{"1"}},
+       {},
+       {"log: zyldb::read_text:  Warning: zyldb is revision 2, current level is 1\n"},
+       "c"},
+      {"header line among records",
+       kOneColumn + "\"r1\"\n\"zyldb\"\n\"s1\"\n\"s2\"\n\"kept\"\n",
+       1,
+       {{"r1"}, {"kept"}},
+       {},
+       {},
+       "a"},
+      {"header line at the end",
+       kOneColumn + "\"r1\"\n\"ZYLDB\"\n\"s1\"\n",
+       1,
+       {{"r1"}},
+       {},
+       {noMore},
+       "a"},
       {"no columns", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\n", 1, {}, {}, {}, ""},
-      {"lenient names", "\"ZYLDB:Rev 1\"\n\"Reel\",\"Start\",\"END TC\"\n\"1\",\"2\",\"3\"\n", 1,
-       {{"1", "2", "3"}}, {}, {}, "att"},
+      {"lenient names",
+       "\"ZYLDB:Rev 1\"\n\"Reel\",\"Start\",\"END TC\"\n\"1\",\"2\",\"3\"\n",
+       1,
+       {{"1", "2", "3"}},
+       {},
+       {},
+       "att"},
       {"no terminator", "\"ZYLDB:Rev 1\"\n\"k:v\"\n", 1, {}, {}, {}, ""},
   };
   for (const Case& c : cases) {

@@ -113,8 +113,8 @@ TEST(ZyldbStorage, InsertAndDeleteRows) {
       {false, 1, 0, {"0", "1", "2", "3", "4"}, {}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << (c.insert ? "insert " : "delete ") << c.first << "+"
-                                    << c.count);
+    SCOPED_TRACE(testing::Message()
+                 << (c.insert ? "insert " : "delete ") << c.first << "+" << c.count);
     Table t({"Name"}, {{"0"}, {"1"}, {"2"}, {"3"}, {"4"}});
     t.clear_changed();
     DeletionLog log(t);
@@ -263,12 +263,20 @@ TEST(ZyldbSort, AscendingOrderRules) {
     std::vector<const char*> values;
     std::vector<std::string> expected;
   } cases[] = {
-      {"strxcmp", kText, 0, 0, {"scene 10", "Scene 9", "scene 1"},
+      {"strxcmp",
+       kText,
+       0,
+       0,
+       {"scene 10", "Scene 9", "scene 1"},
        {"scene 1", "Scene 9", "scene 10"}},
       {"plain text with flag", kText, 0, 1, {"scene 10", "Scene 9"}, {"scene 10", "Scene 9"}},
       {"empty cells last", kText, 0, 0, {"", "b", "  ", "a"}, {"a", "b", "", "  "}},
       {"leading blanks ignored", kText, 0, 1, {"  b", "a"}, {"a", "  b"}},
-      {"timecode separator", kTc, 0, 0, {"01:00:00;10", "01:00:00:10", "01:00:00:09"},
+      {"timecode separator",
+       kTc,
+       0,
+       0,
+       {"01:00:00;10", "01:00:00:10", "01:00:00:09"},
        {"01:00:00:09", "01:00:00;10", "01:00:00:10"}},
       {"negative offset", kText, -2, 0, {"XY12", "AB12", "CD11"}, {"CD11", "XY12", "AB12"}},
       {"positive offset", kText, 2, 0, {"aaCD", "xxAB", "b"}, {"b", "xxAB", "aaCD"}},
@@ -327,8 +335,8 @@ TEST(ZyldbSort, AgreesWithComparatorsOnRandomTables) {
     int direction, plain, offset;
   } modes[] = {{1, 0, 0}, {1, 1, 0}, {-1, 0, 0}, {1, 0, 3}, {1, 0, -2}};
   for (const Mode& m : modes) {
-    SCOPED_TRACE(testing::Message() << "direction " << m.direction << " plain " << m.plain
-                                    << " offset " << m.offset);
+    SCOPED_TRACE(testing::Message()
+                 << "direction " << m.direction << " plain " << m.plain << " offset " << m.offset);
     zyldb t(std::vector<DBFieldDesc>{{"A", kText}, {"B", kTc}, {"Index", kText}});
     for (int i = 0; i < 400; ++i) {
       const int row = t.add_records(1);
@@ -453,7 +461,7 @@ TEST(ZyldbCookies, CacheSurvivesSortAndIsEmptiedByInsertAndDelete) {
           {{"z", b.asString().c_str()}, {"y", a.asString().c_str()}, {"x", a.asString().c_str()}});
   EXPECT_EQ(t.getRowIndexByID(a), 1);  // the first row wins
   EXPECT_EQ(t.getRowIndexByID(b), 0);
-  t.sort(1, 0);  // rows now x, y, z
+  t.sort(1, 0);                        // rows now x, y, z
   EXPECT_EQ(t.getRowIndexByID(b), 0);  // stale on purpose
   t.insert_records(3, 0);
   EXPECT_EQ(t.getRowIndexByID(b), 2);

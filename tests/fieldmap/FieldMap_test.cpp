@@ -1,13 +1,11 @@
-#include <zyldb/fieldmap/FieldMap.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <zyldb/db/zyldb.h>
+#include <zyldb/fieldmap/FieldMap.h>
 
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <zyldb/db/zyldb.h>
 
 namespace {
 
@@ -36,16 +34,16 @@ TEST(FieldMapText, ReadingRules) {
     const char* text;
     std::vector<std::string> want;
   } cases[] = {
-      {nullptr, all},                       // no parameter: every column
+      {nullptr, all},  // no parameter: every column
       {"3 -1 2", {"Gamma", "-Alpha", "Beta"}},
-      {"2 2 -2", {"Beta"}},                 // later duplicates are ignored
-      {"1 x 3", {"Alpha"}},                 // stops at the letter, no default
-      {"x1 2", all},                        // nothing read: the default
-      {"0 -0 2", {"Beta"}},                 // 0 and -0 are skipped
-      {"1  3", {"Alpha", "Gamma"}},         // a chunk of blanks is no stop
-      {"9 1 8", {"", "Alpha"}},             // beyond the last column: one empty name
-      {"+2 \t3", {"Beta", "Gamma"}},        // accepted by %d, then stepped over
-      {"1-2 3", {"Alpha", "Gamma"}},        // digits and '-' after an item are skipped
+      {"2 2 -2", {"Beta"}},           // later duplicates are ignored
+      {"1 x 3", {"Alpha"}},           // stops at the letter, no default
+      {"x1 2", all},                  // nothing read: the default
+      {"0 -0 2", {"Beta"}},           // 0 and -0 are skipped
+      {"1  3", {"Alpha", "Gamma"}},   // a chunk of blanks is no stop
+      {"9 1 8", {"", "Alpha"}},       // beyond the last column: one empty name
+      {"+2 \t3", {"Beta", "Gamma"}},  // accepted by %d, then stepped over
+      {"1-2 3", {"Alpha", "Gamma"}},  // digits and '-' after an item are skipped
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text ? c.text : "(none)");
@@ -116,7 +114,7 @@ TEST(FieldMapBinding, RebindKeepsOrAppendsEntries) {
   m.append("Reel", true);
   m.append("Notes", false);
   m.setSourceDb(plainMap.getSourceDb());  // no text: entries kept as they are
-  EXPECT_EQ(m.asString(), "3 -0");         // but numbered by the new source
+  EXPECT_EQ(m.asString(), "3 -0");        // but numbered by the new source
   m.setSourceDb(textMap.getSourceDb());   // parsed entries go after
   EXPECT_THAT(entries(m), ElementsAre("Reel", "-Notes", "Take"));
 

@@ -1,7 +1,6 @@
+#include <gtest/gtest.h>
 #include <zyldb/platform/OS.h>
 #include <zyldb/platform/QmException.h>
-
-#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <new>
@@ -58,7 +57,9 @@ TEST_F(AllocatorTest, CountsBlocksFromAllocateAndGlobalNew) {
   auto* one = keep(new int(7));
   auto* many = keep(new int[1000]);
   auto* nothrow = keep(new (std::nothrow) char[10]);
-  struct alignas(256) Wide { char c; };
+  struct alignas(256) Wide {
+    char c;
+  };
   auto* wide = keep(new Wide);
   EXPECT_EQ(reinterpret_cast<uintptr_t>(wide) % 256, 0u);
   EXPECT_EQ(alloc().stats().liveBlocks, base_.liveBlocks + 6);
@@ -111,7 +112,7 @@ TEST_F(AllocatorTest, InjectedFailureThrowsBadAllocOncePerArming) {
   alloc().failNthAllocation(1);
   EXPECT_THROW(p = alloc().reallocate(p, 64), Qm::Exception::BadAlloc);
   alloc().deallocate(p);  // still valid after the failed reallocation
-#ifndef ZYL_TEST_ASAN  // AddressSanitizer aborts on impossible sizes
+#ifndef ZYL_TEST_ASAN     // AddressSanitizer aborts on impossible sizes
   EXPECT_THROW((void)alloc().allocate(SIZE_MAX / 2), Qm::Exception::BadAlloc);
 #endif
 }

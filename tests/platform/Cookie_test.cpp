@@ -1,7 +1,6 @@
+#include <gtest/gtest.h>
 #include <zyldb/platform/Cookie.h>
 #include <zyldb/platform/TextUtil.h>
-
-#include <gtest/gtest.h>
 
 #include <string>
 #include <thread>
@@ -26,9 +25,9 @@ TEST(CookieTest, ParsesTheTextFormStrictlyOrLeniently) {
     EXPECT_FALSE(Cookie(loose.c_str(), true).isValid()) << loose;
     EXPECT_EQ(Cookie(loose.c_str(), false), c) << loose;
   }
-  for (const char* bad : {"", "M", "M0f3c", "M0f3c9a2e4b5d6c7e8f901122334455667",
-                          "M0f3c9a2e4b5d6c7e8f9011223344556g", "I0f3c9a2e4b5d6c7e8f90112233445566",
-                          " 0f3c9a2e4b5d6c7e8f90112233445566"}) {
+  for (const char* bad :
+       {"", "M", "M0f3c", "M0f3c9a2e4b5d6c7e8f901122334455667", "M0f3c9a2e4b5d6c7e8f9011223344556g",
+        "I0f3c9a2e4b5d6c7e8f90112233445566", " 0f3c9a2e4b5d6c7e8f90112233445566"}) {
     EXPECT_FALSE(Cookie(bad, false).isValid()) << bad;
     EXPECT_EQ(Cookie(bad, false).getId(), Qm::UUID{}) << bad;
   }
@@ -65,9 +64,12 @@ TEST(CookieTest, MakeGivesFreshIdsThatRoundTripOnAnyThread) {
 }
 
 TEST(CookieTest, CompareByTypeThenId) {
-  const Cookie sorted[] = {Cookie(Qm::UUID{1, 9}, 'A'), Cookie(Qm::UUID{1, 10}, 'A'),
-                           Cookie(Qm::UUID{2, 0}, 'A'), Cookie(Qm::UUID{0, 0}, 'B'),
-                           Cookie(), Cookie::make('M')};  // the invalid cookie has type 'I'
+  const Cookie sorted[] = {Cookie(Qm::UUID{1, 9}, 'A'),
+                           Cookie(Qm::UUID{1, 10}, 'A'),
+                           Cookie(Qm::UUID{2, 0}, 'A'),
+                           Cookie(Qm::UUID{0, 0}, 'B'),
+                           Cookie(),
+                           Cookie::make('M')};  // the invalid cookie has type 'I'
   for (int i = 0; i < 6; ++i)
     for (int j = 0; j < 6; ++j) {
       int c = sorted[i].compare(sorted[j]);

@@ -1,7 +1,6 @@
+#include <gtest/gtest.h>
 #include <zyldb/platform/LightweightString.h>
 #include <zyldb/platform/OS.h>
-
-#include <gtest/gtest.h>
 
 #include <string>
 #include <thread>
@@ -132,8 +131,10 @@ TEST_F(LightweightStringTest, PackedStringsOutliveTheirThread) {
 TEST(StrCmpCITest, OrdersAsStrcasecmp) {
   StrCmpCI less;
   // Letters compare lower-cased: 'Z' would sort before '_' byte-wise, 'z' after.
-  for (auto [a, b, expected] : {std::tuple{"apple", "Banana", true}, {"APPLE", "apple", false},
-                                {"apple", "APPLE", false}, {"app", "APPLE", true},
+  for (auto [a, b, expected] : {std::tuple{"apple", "Banana", true},
+                                {"APPLE", "apple", false},
+                                {"apple", "APPLE", false},
+                                {"app", "APPLE", true},
                                 {"_", "Z", true}})
     EXPECT_EQ(less(LS(a), LS(b)), expected) << a << " < " << b;
 }

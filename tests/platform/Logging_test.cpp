@@ -1,10 +1,9 @@
 // Logging, zyl_splat, SystemWatchdog, GrowString and AssocList.
+#include <gtest/gtest.h>
 #include <zyldb/platform/AssocList.h>
 #include <zyldb/platform/GrowString.h>
 #include <zyldb/platform/Logging.h>
 #include <zyldb/platform/SystemWatchdog.h>
-
-#include <gtest/gtest.h>
 
 #include <string>
 #include <thread>

@@ -1,6 +1,5 @@
-#include <zyldb/platform/Notifier.h>
-
 #include <gtest/gtest.h>
+#include <zyldb/platform/Notifier.h>
 
 #include <memory>
 #include <string>
@@ -27,7 +26,10 @@ TEST(NotifierTest, DeliversInRegistrationOrderToTheMatchingType) {
     log += m.getText().toStdString();
     return 0;
   });
-  auto other = n.addListener("t.other", [&](const NotifyMsg&) { log += "X"; return 0; });
+  auto other = n.addListener("t.other", [&](const NotifyMsg&) {
+    log += "X";
+    return 0;
+  });
   Qm::Ptr<iCallbackBase<int, NotifyMsg>> cb(
       new MethodCallback<View, NotifyMsg, int>(&view, &View::onMsg));
   auto r2 = n.registerCallback(
@@ -64,7 +66,7 @@ TEST(NotifierTest, ListenersChangingRegistrationsDuringDelivery) {
   auto r0 = n.addListener("t.inner", note(0));
   auto r1 = n.addListener("t.unreg", [&](const NotifyMsg&) {
     calls.push_back(1);
-    r2.reset();  // a later listener, before its turn
+    r2.reset();                                             // a later listener, before its turn
     if (!added) added = n.addListener("t.unreg", note(4));  // waits for the next delivery
     n.issueNotification(NotifyMsg(), inner);
     return 0;
@@ -86,18 +88,31 @@ TEST(NotifierTest, DestructionInEitherOrder) {
   Qm::Ptr<iObject> reg;
   {
     Notifier n;
-    reg = n.addListener("t.order2", [&](const NotifyMsg&) { ++calls; return 0; });
+    reg = n.addListener("t.order2", [&](const NotifyMsg&) {
+      ++calls;
+      return 0;
+    });
   }
   reg.reset();  // notifier first, then the registration
   auto n = std::make_unique<Notifier>();
-  reg = n->addListener("t.order2", [&](const NotifyMsg&) { ++calls; return 0; });
+  reg = n->addListener("t.order2", [&](const NotifyMsg&) {
+    ++calls;
+    return 0;
+  });
   reg.reset();  // registration first
   n->issueNotification(NotifyMsg(), typeId("t.order2"));
   EXPECT_EQ(calls, 0);
   EXPECT_EQ(n->numListeners(), 0u);
   // A listener that destroys the notifier while it delivers.
-  auto first = n->addListener("t.order2", [&](const NotifyMsg&) { n.reset(); ++calls; return 0; });
-  auto second = n->addListener("t.order2", [&](const NotifyMsg&) { ++calls; return 0; });
+  auto first = n->addListener("t.order2", [&](const NotifyMsg&) {
+    n.reset();
+    ++calls;
+    return 0;
+  });
+  auto second = n->addListener("t.order2", [&](const NotifyMsg&) {
+    ++calls;
+    return 0;
+  });
   n->issueNotification(NotifyMsg(), typeId("t.order2"));
   EXPECT_EQ(calls, 1);
 }
@@ -110,7 +125,10 @@ TEST(NotifierTest, ConcurrentRegistrationAndDelivery) {
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([&] {
       for (int i = 0; i < 500; ++i) {
-        auto reg = n.addListener("t.threads", [&](const NotifyMsg&) { ++calls; return 0; });
+        auto reg = n.addListener("t.threads", [&](const NotifyMsg&) {
+          ++calls;
+          return 0;
+        });
         n.issueNotification(NotifyMsg(), type);
       }
     });

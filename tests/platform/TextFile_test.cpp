@@ -1,11 +1,9 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <zyldb/platform/OS.h>
 #include <zyldb/platform/QmException.h>
 #include <zyldb/platform/TextFile.h>
 #include <zyldb/platform/TextUtil.h>
-
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <cstring>

@@ -1,6 +1,5 @@
-#include <zyldb/platform/TextSearch.h>
-
 #include <gtest/gtest.h>
+#include <zyldb/platform/TextSearch.h>
 
 namespace {
 

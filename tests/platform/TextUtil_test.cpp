@@ -1,6 +1,5 @@
-#include <zyldb/platform/TextUtil.h>
-
 #include <gtest/gtest.h>
+#include <zyldb/platform/TextUtil.h>
 
 #include <algorithm>
 #include <random>
@@ -27,15 +26,15 @@ TEST(StrxcmpTest, OrderTable) {
       {"Scene 9", "scene 10", -1},
       {"A2", "a10", -1},
       {"x100", "x99", 1},
-      {"x007", "x7", 1},        // equal value: the shorter run first
-      {"x07b", "x7a", 1},       // ...but only when the rest is equal
+      {"x007", "x7", 1},   // equal value: the shorter run first
+      {"x07b", "x7a", 1},  // ...but only when the rest is equal
       {"x7", "x07", -1},
       {"x0", "x00", -1},
       {"x0", "x", 1},
-      {"abc", "ABC", 1},        // equal ignoring case: byte order last
+      {"abc", "ABC", 1},  // equal ignoring case: byte order last
       {"ABC", "abc", -1},
       {"a9", "a9b", -1},
-      {"1a", "a", -1},          // digits before letters, as in ASCII
+      {"1a", "a", -1},  // digits before letters, as in ASCII
       {"123456789012345678901234567890", "123456789012345678901234567891", -1},
       {"99999999999999999999", "100000000000000000000", -1},  // beyond 64 bits
       {"reel 2 take 10", "reel 2 take 9", 1},
@@ -73,8 +72,11 @@ TEST(TextUtilTest, EssentiallyEmptyLowerAndStrip) {
   EXPECT_EQ(toLower(LS("MiXeD 12 \xc9")), "mixed 12 \xc9");
   LS lower("already");
   EXPECT_EQ(toLower(lower).c_str(), lower.c_str());  // shared, not copied
-  for (auto [in, out] : {std::pair{L"/bins/M0a1b.bsg", L"M0a1b"}, {L"name", L"name"},
-                         {L"dir.x/name", L"name"}, {L"a.b.c", L"a.b"}, {L"/x/.hidden", L".hidden"},
+  for (auto [in, out] : {std::pair{L"/bins/M0a1b.bsg", L"M0a1b"},
+                         {L"name", L"name"},
+                         {L"dir.x/name", L"name"},
+                         {L"a.b.c", L"a.b"},
+                         {L"/x/.hidden", L".hidden"},
                          {L"/x/", L""}})
     EXPECT_EQ(stripPathAndExt(WS(in)).view(), out);
 }
@@ -103,8 +105,11 @@ TEST(TextUtilTest, BooleansAndNumbers) {
     EXPECT_FALSE(BoolFromString(LS(x), false)) << x;
   }
   EXPECT_EQ(StringFromInteger(-9223372036854775807LL - 1), "-9223372036854775808");
-  for (auto [in, out] : {std::pair{"  42abc", 42u}, {"4294967295", 4294967295u},
-                         {"4294967296", 7u}, {"-1", 7u}, {"", 7u}})
+  for (auto [in, out] : {std::pair{"  42abc", 42u},
+                         {"4294967295", 4294967295u},
+                         {"4294967296", 7u},
+                         {"-1", 7u},
+                         {"", 7u}})
     EXPECT_EQ(UIntFromString(LS(in), 7), out) << in;
   EXPECT_EQ(Qm::WStringFromAscii("ab\xe9").view(), L"ab\u00e9");
   EXPECT_TRUE(Qm::WStringFromAscii(nullptr).empty());

@@ -1,6 +1,5 @@
-#include <zyldb/platform/configb.h>
-
 #include <gtest/gtest.h>
+#include <zyldb/platform/configb.h>
 
 #include <cstdlib>
 #include <fstream>

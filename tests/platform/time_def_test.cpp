@@ -1,6 +1,5 @@
-#include <zyldb/platform/time_def.h>
-
 #include <gtest/gtest.h>
+#include <zyldb/platform/time_def.h>
 
 namespace {
 

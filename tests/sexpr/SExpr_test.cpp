@@ -1,12 +1,10 @@
-#include <zyldb/sexpr/SExpr.h>
-
 #include <gtest/gtest.h>
+#include <zyldb/db/zyldb.h>
+#include <zyldb/sexpr/SExpr.h>
 
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <zyldb/db/zyldb.h>
 
 namespace {
 
@@ -24,7 +22,8 @@ TEST(SExprTest, PrintsElementsInOrderWithSingleBlanks) {
     std::vector<SExprElt*> elements;
     const char* expected;
   } cases[] = {
-      {{new SExprRef(0, &table), new SExprRef(1, &table), new SExprRef(2, &table)}, "(Reel Scene Take)"},
+      {{new SExprRef(0, &table), new SExprRef(1, &table), new SExprRef(2, &table)},
+       "(Reel Scene Take)"},
       {{new SExprRef(0, nullptr)}, "(voidref)"},
       {{new SExprOperator}, "(op )"},
       {{new SExprOperator, new SExprRef(7, nullptr)}, "(op  voidref)"},
@@ -40,11 +39,13 @@ TEST(SExprTest, PrintsElementsInOrderWithSingleBlanks) {
 }
 
 TEST(SExprTest, ReverseAndIterate) {
-  SExpr* list = listOf({new SExprRef(1, nullptr), new SExprRef(2, nullptr), new SExprRef(3, nullptr)});
+  SExpr* list =
+      listOf({new SExprRef(1, nullptr), new SExprRef(2, nullptr), new SExprRef(3, nullptr)});
   SExpr* reversed = list->reverse();  // in place: the old last cell leads
   std::vector<uint32_t> fields;
   SExprIterator it(reversed);
-  for (++it; it.current(); ++it) fields.push_back(static_cast<SExprRef*>(it.current()->element())->field());
+  for (++it; it.current(); ++it)
+    fields.push_back(static_cast<SExprRef*>(it.current()->element())->field());
   EXPECT_EQ(fields, (std::vector<uint32_t>{3, 2, 1}));
   EXPECT_EQ(list->next(), nullptr);
   delete reversed;

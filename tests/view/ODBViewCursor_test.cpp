@@ -1,6 +1,5 @@
-#include <zyldb/view/ODBViewCursor.h>
-
 #include <gtest/gtest.h>
+#include <zyldb/view/ODBViewCursor.h>
 
 #include "ViewTestUtil.h"
 

@@ -23,7 +23,9 @@ struct LiteralIndex {
 
   void sizeIndexFor(int n) {
     const int cap = static_cast<int>(slots.size()), want = std::max(n, 20);
-    int fresh = n == 0 ? 0 : want <= cap ? (cap > 2 * want ? cap / 2 : cap) : std::max(2 * cap, want);
+    int fresh = n == 0        ? 0
+                : want <= cap ? (cap > 2 * want ? cap / 2 : cap)
+                              : std::max(2 * cap, want);
     if (fresh == cap) return;
     std::vector<ODBViewIndexEntry> next(static_cast<size_t>(fresh), ODBViewIndexEntry{0, 0});
     for (int i = 0; n && i < (fresh < count ? want : count); ++i) next[i] = slots[i];

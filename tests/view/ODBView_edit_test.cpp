@@ -2,9 +2,8 @@
 // table up through stacked views with their exact messages. Random messages,
 // repeated rows and drops at position 0 are checked in ODBView_bulk_test.cpp.
 
-#include <zyldb/view/ODBView.h>
-
 #include <gmock/gmock.h>
+#include <zyldb/view/ODBView.h>
 
 #include "ViewTestUtil.h"
 
@@ -44,8 +43,8 @@ TEST(ODBViewEditTest, InsertBlankRecordsGoesIntoTheSource) {
   v->insertBlankRecords(1, 2);  // before table row 3
   EXPECT_THAT(names(*table), ElementsAre("r0", "r1", "r2", "", "", "r3", "r4"));
   EXPECT_THAT(names(*v.rep()), ElementsAre("r1", "", "", "r3"));
-  EXPECT_EQ(v->get_tag(3u), 1);  // moved with its row
-  EXPECT_EQ(v->get_tag(1u), 1);  // the new row kept the tag left in its slot
+  EXPECT_EQ(v->get_tag(3u), 1);                        // moved with its row
+  EXPECT_EQ(v->get_tag(1u), 1);                        // the new row kept the tag left in its slot
   v->insertBlankRecords(v->get_num_records() + 5, 2);  // past the end: appended
   EXPECT_EQ(table->get_num_records(), 9u);
   EXPECT_EQ(v->baseIndex(5), 8);

@@ -7,16 +7,14 @@
 // A bounded number of sequences normally; ZYLDB_MODEL_ITERATIONS sets how
 // many. The seeds are printed; ZYLDB_MODEL_SEED replays from a given one.
 
-#include <zyldb/view/ODBView.h>
-
 #include <gtest/gtest.h>
 #include <strings.h>
+#include <zyldb/platform/TextUtil.h>
+#include <zyldb/view/ODBView.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <random>
-
-#include <zyldb/platform/TextUtil.h>
 
 #include "ViewTestUtil.h"
 
@@ -112,7 +110,8 @@ class ModelRun {
     const int64_t first = inside ? views_[v].rows[at] : rowsOf(views_[v].base);
     if (!inside) at = static_cast<int64_t>(views_[v].rows.size());
     if (views_[v].base >= 0) insert(views_[v].base, first, n);
-    for (int64_t i = 0; i < n && views_[v].base < 0; ++i) ids_.insert(ids_.begin() + first + i, nextId_++);
+    for (int64_t i = 0; i < n && views_[v].base < 0; ++i)
+      ids_.insert(ids_.begin() + first + i, nextId_++);
     ModelView& m = views_[v];
     for (size_t j = static_cast<size_t>(at); j < m.rows.size(); ++j) m.rows[j] += n;
     for (int64_t i = 0; i < n; ++i) m.rows.insert(m.rows.begin() + at + i, first + i);
@@ -276,7 +275,8 @@ class ModelRun {
         }
         const std::vector<uint8_t> tags = views_[v].tags;
         addView(views_[v].base, false, rep.copy(), copied);
-        for (size_t i = 0; i < std::min(tags.size(), copied.size()); ++i) views_.back().tags[i] = tags[i];
+        for (size_t i = 0; i < std::min(tags.size(), copied.size()); ++i)
+          views_.back().tags[i] = tags[i];
         return;
       }
       case 14:  // show everything again (the old rows are announced as removed)
@@ -305,7 +305,8 @@ class ModelRun {
       for (size_t i = 0; i < m.rows.size(); ++i) {
         const int64_t row = tableRow(static_cast<int>(v), static_cast<int64_t>(i));
         ASSERT_EQ(m.handle->baseIndex(static_cast<int>(i)), row) << "row " << i;
-        ASSERT_EQ(m.handle->getField(i, 0).toStdString(), "id" + std::to_string(ids_[row])) << "row " << i;
+        ASSERT_EQ(m.handle->getField(i, 0).toStdString(), "id" + std::to_string(ids_[row]))
+            << "row " << i;
         ASSERT_EQ(m.handle->get_tag(i), m.tags[i]) << "row " << i;
       }
     }
@@ -324,7 +325,8 @@ TEST(ODBViewModelTest, ViewsFollowRandomOperations) {
   const int sequences = env ? std::max(1, std::atoi(env)) : 60;
   const char* fixed = std::getenv("ZYLDB_MODEL_SEED");
   const uint64_t base = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device{}();
-  std::printf("model: %d sequences from seed %llu\n", sequences, static_cast<unsigned long long>(base));
+  std::printf("model: %d sequences from seed %llu\n", sequences,
+              static_cast<unsigned long long>(base));
   for (int i = 0; i < sequences && !::testing::Test::HasFailure(); ++i) {
     SCOPED_TRACE("seed " + std::to_string(base + static_cast<uint64_t>(i)));
     ModelRun(base + static_cast<uint64_t>(i)).run(120);

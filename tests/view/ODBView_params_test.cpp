@@ -1,10 +1,8 @@
 // A view's parameters, field spec and file name.
 
-#include <zyldb/view/ODBView.h>
-
 #include <gmock/gmock.h>
-
 #include <zyldb/platform/Logging.h>
+#include <zyldb/view/ODBView.h>
 
 #include "ViewTestUtil.h"
 
@@ -35,8 +33,9 @@ TEST(ODBViewParamsTest, FieldSpecs) {
                                       (c[1] ? std::string("fields: ") + c[1] + "\n" : ""));
   }
   setLogSink(previous);
-  EXPECT_THAT(warnings, ElementsAre("Warning: ODBView::fieldSpec, non-existant fieldname \"Bogus\".\n",
-                                    "Warning: ODBView::fieldSpec, non-existant fieldname \"name\".\n"));
+  EXPECT_THAT(warnings,
+              ElementsAre("Warning: ODBView::fieldSpec, non-existant fieldname \"Bogus\".\n",
+                          "Warning: ODBView::fieldSpec, non-existant fieldname \"name\".\n"));
 
   // A second field list does not empty the list: the earlier fields come first,
   // reversed.
@@ -46,8 +45,9 @@ TEST(ODBViewParamsTest, FieldSpecs) {
 
   const char* names[] = {"Reel", "Name", nullptr};
   EXPECT_STREQ(ODBView(new ODBViewRep(table.get(), names))->fieldSpec(), "Reel,Name,");
-  EXPECT_STREQ(ODBView(new ODBViewRep(table.get(), static_cast<const char**>(nullptr)))->fieldSpec(),
-               "Name,Reel,Scene");
+  EXPECT_STREQ(
+      ODBView(new ODBViewRep(table.get(), static_cast<const char**>(nullptr)))->fieldSpec(),
+      "Name,Reel,Scene");
 }
 
 TEST(ODBViewParamsTest, ParametersComeFromTheSourceAndStayTheViews) {
@@ -57,7 +57,8 @@ TEST(ODBViewParamsTest, ParametersComeFromTheSourceAndStayTheViews) {
   table->set_filename(LightweightString<wchar_t>(L"/logs/day1.log"));
   ODBView v(new ODBViewRep(table.get()));
   std::vector<std::string> lines;
-  for (const AssocList::Entry& e : v->params()) lines.push_back(e.key.toStdString() + ":" + e.value.toStdString());
+  for (const AssocList::Entry& e : v->params())
+    lines.push_back(e.key.toStdString() + ":" + e.value.toStdString());
   EXPECT_THAT(lines, ElementsAre("ZYLDB:Rev 1", "Project:North", "Camera:B"));
   EXPECT_TRUE(v->get_filename() == L"/logs/day1.log");
 

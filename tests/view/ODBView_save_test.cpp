@@ -1,15 +1,13 @@
 // Saving a view and converting it into a table.
 
-#include <zyldb/view/ODBView.h>
-
 #include <gmock/gmock.h>
 #include <unistd.h>
+#include <zyldb/platform/TextUtil.h>
+#include <zyldb/view/ODBView.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-
-#include <zyldb/platform/TextUtil.h>
 
 #include "ViewTestUtil.h"
 #include "platform/FaultyFileService_internal.h"
@@ -52,7 +50,9 @@ class ODBViewSaveTest : public ::testing::Test {
 TEST_F(ODBViewSaveTest, WritesParametersHeaderAndRowsWithTheViewsTags) {
   view_->add_param("Lens", "35");
   const std::string header =
-      "\"ZYLDB:Rev 1\"\n\"Take:4\"\n\"Lens:35\"\n\"ZYLDB\"\n\"32\",\"1\"\n\"text\",\"text\"\n\"Name\",\"Tag\"\n";
+      "\"ZYLDB:Rev "
+      "1\"\n\"Take:4\"\n\"Lens:35\"\n\"ZYLDB\"\n\"32\",\"1\"\n\"text\",\"text\"\n\"Name\","
+      "\"Tag\"\n";
   EXPECT_EQ(view_->saveAsText(name_, false), 3);
   EXPECT_EQ(slurp(), header + "\"r2\",\"0\"\n\"r0\",\"1\"\n\"r1\",\"0\"\n");
   for (unsigned i = 0; i < 3; ++i) {  // only the written copies carry the view's tags
@@ -73,7 +73,8 @@ TEST_F(ODBViewSaveTest, WritesParametersHeaderAndRowsWithTheViewsTags) {
   v->tagAll(true);
   v->set_filename(Qm::WStringFromAscii(name_));
   EXPECT_EQ(v->save_text(), 5);
-  EXPECT_EQ(slurp(), "\"ZYLDB\"\n\"32\"\n\"text\"\n\"Name\"\n\"r0\"\n\"r1\"\n\"r2\"\n\"r3\"\n\"r4\"\n");
+  EXPECT_EQ(slurp(),
+            "\"ZYLDB\"\n\"32\"\n\"text\"\n\"Name\"\n\"r0\"\n\"r1\"\n\"r2\"\n\"r3\"\n\"r4\"\n");
   EXPECT_EQ(v->saveOnlyTagged(name_), 5);
   EXPECT_EQ(slurp(), "\"ZYLDB\"\n\"32\"\n\"text\"\n\"Name\"\n\"r1\"\n\"r4\"\n");
 }

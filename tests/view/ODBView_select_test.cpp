@@ -1,9 +1,8 @@
 // Filling a view, and the view's own tags. How inserted entries and the tags
 // left in their slots move is checked in ODBView_bulk_test.cpp.
 
-#include <zyldb/view/ODBView.h>
-
 #include <gmock/gmock.h>
+#include <zyldb/view/ODBView.h>
 
 #include "ViewTestUtil.h"
 
@@ -79,7 +78,7 @@ TEST(ODBViewSelectTest, RowsByIdentifierAndFromAnotherView) {
   ODBView target(new ODBViewRep(table.get()));
   target->displayRecordsAt(3, 1, 0);
   target->displayRecordsAt(0, 1, 1);
-  v->remove(0, 1);  // r3 r2 r1
+  v->remove(0, 1);                                     // r3 r2 r1
   EXPECT_EQ(target->displayAllFromAt(v.rep(), 1), 2);  // r3 is shown already
   EXPECT_THAT(names(*target.rep()), ElementsAre("r3", "r2", "r1", "r0"));
   ODBView stacked(v->newTagSubview());

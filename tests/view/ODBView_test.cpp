@@ -2,11 +2,9 @@
 // handles and stacked views, copies and sorting. The index policy is checked
 // in ODBView_bulk_test.cpp.
 
-#include <zyldb/view/ODBView.h>
-
 #include <gmock/gmock.h>
-
 #include <zyldb/platform/Logging.h>
+#include <zyldb/view/ODBView.h>
 
 #include "ViewTestUtil.h"
 #include "view/ODBView_internal.h"

@@ -2,21 +2,21 @@
 
 // Helpers for the view tests: small named tables and message recording.
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/db/zyldb.h>
 #include <zyldb/platform/Notifier.h>
 #include <zyldb/view/ODBView.h>
 
+#include <memory>
+#include <string>
+#include <vector>
+
 namespace zyl::test {
 
 // A table with text columns `columns` and `rows` rows whose first column
 // reads "r0", "r1", ...
-inline std::unique_ptr<zyldb> makeTable(int rows,
-                                        std::vector<const char*> columns = {"Name", "Reel", "Tag"}) {
+inline std::unique_ptr<zyldb> makeTable(int rows, std::vector<const char*> columns = {
+                                                      "Name", "Reel", "Tag"}) {
   std::vector<DBFieldDesc> descs;
   for (const char* c : columns) descs.push_back({c, DBFieldTypes::text});
   auto t = std::make_unique<zyldb>(descs);
@@ -28,7 +28,8 @@ inline std::unique_ptr<zyldb> makeTable(int rows,
 // The first column of every view row ("" for a row without record).
 inline std::vector<std::string> names(ODBBase& v) {
   std::vector<std::string> out;
-  for (unsigned int i = 0; i < v.get_num_records(); ++i) out.push_back(v.getField(i, 0).toStdString());
+  for (unsigned int i = 0; i < v.get_num_records(); ++i)
+    out.push_back(v.getField(i, 0).toStdString());
   return out;
 }
 

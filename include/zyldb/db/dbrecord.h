@@ -22,10 +22,10 @@
 // Memory exhaustion raises Qm::Exception::BadAlloc; the record is then left
 // valid (possibly with fewer values read).
 
-#include <cstdint>
-
 #include <zyldb/export.h>
 #include <zyldb/platform/LightweightString.h>
+
+#include <cstdint>
 
 class zyldb;
 class configb;

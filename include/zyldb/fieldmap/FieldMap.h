@@ -21,11 +21,11 @@
 // Copies share only the reference-counted source. Memory exhaustion raises
 // Qm::Exception::BadAlloc.
 
-#include <vector>
-
 #include <zyldb/export.h>
 #include <zyldb/platform/LightweightString.h>
 #include <zyldb/view/ODBView.h>
+
+#include <vector>
 
 class zyldb;
 

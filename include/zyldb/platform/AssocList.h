@@ -4,10 +4,10 @@
 // ignoring case. An entry may hold no value (distinct from an empty one only
 // to hasValue; readers see "" for both).
 
-#include <deque>
-
 #include <zyldb/export.h>
 #include <zyldb/platform/LightweightString.h>
+
+#include <deque>
 
 class ZYLDB_EXPORT AssocList {
  public:
@@ -15,8 +15,14 @@ class ZYLDB_EXPORT AssocList {
     LightweightString<char> key;
     LightweightString<char> value;
     bool hasValue = false;
-    void set(const LightweightString<char>& v) { value = v; hasValue = true; }
-    void clearValue() { value = LightweightString<char>(); hasValue = false; }
+    void set(const LightweightString<char>& v) {
+      value = v;
+      hasValue = true;
+    }
+    void clearValue() {
+      value = LightweightString<char>();
+      hasValue = false;
+    }
   };
   using const_iterator = std::deque<Entry>::const_iterator;
 

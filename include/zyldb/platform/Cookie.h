@@ -13,14 +13,14 @@
 // except the blank. Any other type (control characters, blank, bytes >= 0x7f)
 // makes the invalid cookie, so Cookie(c.asString(), true) == c for every c.
 
+#include <zyldb/export.h>
+#include <zyldb/platform/LightweightString.h>
+
 #include <compare>
 #include <cstdint>
 #include <memory>
 #include <set>
 #include <vector>
-
-#include <zyldb/export.h>
-#include <zyldb/platform/LightweightString.h>
 
 namespace Qm {
 

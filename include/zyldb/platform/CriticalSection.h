@@ -3,9 +3,9 @@
 // CriticalSection: a recursive lock (a thread may take it again while it
 // holds it, as happens when a notification handler issues notifications).
 
-#include <mutex>
-
 #include <zyldb/export.h>
+
+#include <mutex>
 
 class ZYLDB_EXPORT CriticalSection {
  public:

@@ -19,6 +19,8 @@
 // Thread safety: distinct strings, and copies of one string, may be used on
 // different threads (the counts are atomic).
 
+#include <zyldb/export.h>
+
 #include <atomic>
 #include <compare>
 #include <cstddef>
@@ -27,8 +29,6 @@
 #include <functional>
 #include <string>
 #include <string_view>
-
-#include <zyldb/export.h>
 
 namespace zyl::detail {
 
@@ -125,9 +125,7 @@ class LightweightString {
   void swap(LightweightString& o) noexcept { std::swap(bits_, o.bits_); }
 
   LightweightString& operator+=(const LightweightString& o) { return append(o.view()); }
-  LightweightString& operator+=(const C* s) {
-    return append(s ? view_type(s) : view_type());
-  }
+  LightweightString& operator+=(const C* s) { return append(s ? view_type(s) : view_type()); }
   LightweightString& append(view_type tail) {
     if (tail.empty()) return *this;
     std::basic_string<C> joined(view());
@@ -156,8 +154,9 @@ class LightweightString {
   friend std::strong_ordering operator<=>(const LightweightString& a,
                                           const LightweightString& b) noexcept {
     int c = a.view().compare(b.view());
-    return c < 0 ? std::strong_ordering::less
-                 : c > 0 ? std::strong_ordering::greater : std::strong_ordering::equal;
+    return c < 0   ? std::strong_ordering::less
+           : c > 0 ? std::strong_ordering::greater
+                   : std::strong_ordering::equal;
   }
 
  private:

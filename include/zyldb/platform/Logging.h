@@ -15,9 +15,9 @@
 // The sink and handler may be replaced at any time; calls on several threads
 // are serialised.
 
-#include <functional>
-
 #include <zyldb/export.h>
+
+#include <functional>
 
 ZYLDB_EXPORT void vorn_printf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 ZYLDB_EXPORT void LogBoth(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

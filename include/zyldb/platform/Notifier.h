@@ -20,20 +20,19 @@
 // several threads may register and issue; the listeners run on the issuing
 // thread.
 
+#include <zyldb/export.h>
+#include <zyldb/platform/LightweightString.h>
+#include <zyldb/platform/QmPtr.h>
+
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <utility>
 
-#include <zyldb/export.h>
-#include <zyldb/platform/LightweightString.h>
-#include <zyldb/platform/QmPtr.h>
-
 class ZYLDB_EXPORT NotifyMsg {
  public:
   NotifyMsg() = default;
-  NotifyMsg(const LightweightString<char>& text, iObject* object)
-      : text_(text), object_(object) {}
+  NotifyMsg(const LightweightString<char>& text, iObject* object) : text_(text), object_(object) {}
   explicit NotifyMsg(iObject* object) : object_(object) {}
 
   const LightweightString<char>& getText() const { return text_; }

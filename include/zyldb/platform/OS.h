@@ -8,12 +8,12 @@
 // Thread safety: the allocator and the default file service may be used from
 // any thread. setFileService() is meant for start-up and tests.
 
+#include <zyldb/export.h>
+#include <zyldb/platform/LightweightString.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
-
-#include <zyldb/export.h>
-#include <zyldb/platform/LightweightString.h>
 
 namespace zyl {
 
@@ -22,9 +22,9 @@ namespace zyl {
 class ZYLDB_EXPORT Allocator {
  public:
   struct Stats {
-    int64_t liveBlocks = 0;       // blocks handed out and not yet freed
-    int64_t liveBytes = 0;        // their usable sizes, summed
-    uint64_t allocations = 0;     // allocations made since start-up
+    int64_t liveBlocks = 0;    // blocks handed out and not yet freed
+    int64_t liveBytes = 0;     // their usable sizes, summed
+    uint64_t allocations = 0;  // allocations made since start-up
   };
 
   // Returns a block of at least n bytes (n == 0 gives a valid block).

@@ -4,9 +4,9 @@
 // only exception it lets escape is BadAlloc, raised when the allocator cannot
 // (or, under fault injection, will not) supply memory.
 
-#include <new>
-
 #include <zyldb/export.h>
+
+#include <new>
 
 namespace Qm::Exception {
 

@@ -7,11 +7,11 @@
 // atomic, so Ptrs to one object may be copied and dropped on several threads;
 // the object itself is not made thread-safe by this.
 
+#include <zyldb/export.h>
+
 #include <atomic>
 #include <cstdint>
 #include <utility>
-
-#include <zyldb/export.h>
 
 namespace Qm {
 
@@ -39,14 +39,25 @@ class Ptr {
  public:
   Ptr() = default;
   Ptr(std::nullptr_t) {}
-  Ptr(T* p) : p_(p) { if (p_) p_->addRef(); }
-  Ptr(const Ptr& o) : p_(o.p_) { if (p_) p_->addRef(); }
+  Ptr(T* p) : p_(p) {
+    if (p_) p_->addRef();
+  }
+  Ptr(const Ptr& o) : p_(o.p_) {
+    if (p_) p_->addRef();
+  }
   Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
   template <class U>
-  Ptr(const Ptr<U>& o) : p_(o.get()) { if (p_) p_->addRef(); }
-  ~Ptr() { if (p_) p_->release(); }
+  Ptr(const Ptr<U>& o) : p_(o.get()) {
+    if (p_) p_->addRef();
+  }
+  ~Ptr() {
+    if (p_) p_->release();
+  }
 
-  Ptr& operator=(Ptr o) noexcept { std::swap(p_, o.p_); return *this; }
+  Ptr& operator=(Ptr o) noexcept {
+    std::swap(p_, o.p_);
+    return *this;
+  }
 
   T* get() const { return p_; }
   T* operator->() const { return p_; }

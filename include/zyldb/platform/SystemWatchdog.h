@@ -5,9 +5,9 @@
 // Brackets nest per thread. A host can install a hook that hears every change
 // of the outermost bracket.
 
-#include <functional>
-
 #include <zyldb/export.h>
+
+#include <functional>
 
 class ZYLDB_EXPORT SystemWatchdog {
  public:

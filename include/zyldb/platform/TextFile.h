@@ -11,13 +11,13 @@
 //
 // A TextFile is used by one thread at a time.
 
+#include <zyldb/export.h>
+#include <zyldb/platform/LightweightString.h>
+
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <zyldb/export.h>
-#include <zyldb/platform/LightweightString.h>
 
 class ZYLDB_EXPORT TextFile {
  public:
@@ -44,7 +44,9 @@ class ZYLDB_EXPORT TextFile {
   void appendLine(std::string_view line);
   // Resolves appendLine("literal"), which the two above make ambiguous; null
   // appends an empty line.
-  void appendLine(const char* line) { appendLine(line ? std::string_view(line) : std::string_view()); }
+  void appendLine(const char* line) {
+    appendLine(line ? std::string_view(line) : std::string_view());
+  }
 
   // Makes room for `lines` more lines holding `bytes` bytes of text in all,
   // so that appending them moves no text. A large room is made resident at

@@ -16,10 +16,10 @@
 //    "00:00:10" and a query typed with ':' finds drop-frame cells.
 // An empty Criteria, and a criterion with an empty text, match everything.
 
-#include <vector>
-
 #include <zyldb/export.h>
 #include <zyldb/platform/LightweightString.h>
+
+#include <vector>
 
 namespace TextSearch {
 

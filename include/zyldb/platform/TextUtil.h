@@ -2,10 +2,10 @@
 
 // Text helpers of the platform layer.
 
-#include <vector>
-
 #include <zyldb/export.h>
 #include <zyldb/platform/LightweightString.h>
+
+#include <vector>
 
 // The default ordering of cell texts: case-insensitive (ASCII), with runs of
 // decimal digits compared by value, so "Scene 9" < "scene 10" and "A2" < "a10".

@@ -13,10 +13,10 @@
 //   3. the default.
 // A value that is not a decimal integer is ignored (the next source is used).
 
-#include <vector>
-
 #include <zyldb/export.h>
 #include <zyldb/platform/LightweightString.h>
+
+#include <vector>
 
 class ZYLDB_EXPORT strp_field {
  public:

@@ -15,10 +15,10 @@
 //
 // Threads: a list is used by one thread at a time.
 
-#include <cstdint>
-
 #include <zyldb/export.h>
 #include <zyldb/platform/GrowString.h>
+
+#include <cstdint>
 
 class ODBBase;
 

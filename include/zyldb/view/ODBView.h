@@ -33,9 +33,6 @@
 // Threads: a table, its views and the process-wide sort state are used by one
 // thread at a time. Only the Notifier base locks its own listener list.
 
-#include <cstdint>
-#include <vector>
-
 #include <zyldb/db/ODBBase.h>
 #include <zyldb/db/zyldb.h>
 #include <zyldb/export.h>
@@ -45,6 +42,9 @@
 #include <zyldb/platform/LightweightString.h>
 #include <zyldb/platform/Notifier.h>
 #include <zyldb/platform/QmPtr.h>
+
+#include <cstdint>
+#include <vector>
 
 class dbrecord;
 class SExpr;
@@ -381,8 +381,8 @@ class ZYLDB_EXPORT ODBViewRep : public ODBBase, public Notifier {
   // Batched deletion delivery (see recordsDeletedNotify): while this view
   // announces a batch of lost rows, views stacked on it queue the messages
   // and are brought up to date in one pass when the batch ends.
-  int32_t announcing_ = 0;         // depth of batch announcements under way
-  bool announcingClosing_ = false; // the message being issued is a closing list
+  int32_t announcing_ = 0;                    // depth of batch announcements under way
+  bool announcingClosing_ = false;            // the message being issued is a closing list
   std::vector<ODBViewRep*> deferredStacked_;  // stacked views with queued work
   std::vector<int32_t> queuedRows_;           // queued per-row numbers, in order
   std::vector<uint32_t> queuedGroupEnds_;     // end of each queued message

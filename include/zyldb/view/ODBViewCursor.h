@@ -13,10 +13,10 @@
 // Threads: a cursor is used by one thread; it shares the view with other
 // cursors and handles without locking.
 
-#include <cstdint>
-
 #include <zyldb/export.h>
 #include <zyldb/view/ODBView.h>
+
+#include <cstdint>
 
 class dbrecord;
 
