@@ -6,8 +6,6 @@
 #include <zyldb/platform/configb.h>
 
 #include <cctype>
-#include <cstring>
-#include <iostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -34,38 +32,22 @@ dbrecord makeRecord(const Values& vals) {
   return r;
 }
 
-std::string writeLine(const dbrecord& r) {
-  TextFile f;
-  r.write(f);
-  return std::string(f.line(0), f.lineLength(0));
-}
-
-std::pair<int, Values> readLine(const std::string& line) {
-  TextFile f;
-  f.appendLine(std::string_view(line));
-  dbrecord r(2);
-  int n = r.read(f);
-  return {n, values(r)};
-}
-
 TEST(DbRecordLine, WriteEscapesInsideQuotes) {
   struct Case {
     Values vals;
     std::string line;
   } cases[] = {
       {{"a", "b\"c", "x\ny"}, R"("a","b""c","x\ny")"},
-      {{"a\r\nb", std::string("n\0ul", 4)}, R"("a\nb","nul")"},
-      {{"back\\slash", "lit\\n", ""}, R"("back\slash","lit\n","")"},
-      {{}, ""},
-      // Values of eight bytes and more are checked a word at a time.
+      {{"a\r\nb", std::string("n\0ul", 4), "back\\slash", ""}, R"("a\nb","nul","back\slash","")"},
       {{"12345678\"", "abcdefghijklmno\r", "\xC3\xA9\xFF\x80\x7F\x01\t\x1F"},
        "\"12345678\"\"\",\"abcdefghijklmno\",\"\xC3\xA9\xFF\x80\x7F\x01\t\x1F\""},
-      {{"a-long-value-with\na-break-late"}, R"("a-long-value-with\na-break-late")"},
   };
   for (const Case& c : cases) {
     dbrecord r = makeRecord(c.vals);
     r.setChanged();
-    EXPECT_EQ(writeLine(r), c.line);
+    TextFile f;
+    r.write(f);
+    EXPECT_EQ(std::string(f.line(0), f.lineLength(0)), c.line);
     EXPECT_FALSE(r.isChanged());
   }
 }
@@ -79,55 +61,35 @@ TEST(DbRecordLine, ReadFollowsTheLineRules) {
   } cases[] = {
       {R"("a","b""c","x\ny")", 3, {"a", "b\"c", "x\ny"}},
       {R"(a, b ,"c,d")", 3, {"a", "b", "c,d"}},
-      {R"("  padded  ")", 1, {"padded"}},
       {R"("a",)", 1, {"a"}},
-      {R"("a",  )", 2, {"a", ""}},
       {"\"a\",\t\"b\"", 3, {"a", "b"}},
       {R"(ab""cd,e"f"g)", 2, {"ab\"cd", "efg"}},
-      {R"("back\slash","trail\n")", 2, {"back\\slash", "trail"}},
-      {"\" \xC3\xA9t\xC3\xA9 \"", 1, {"\xC3\xA9t\xC3\xA9"}},
       {v5000, 2, {v4095, v904}},  // the 4096th byte is the separator
-      {v4095 + "v", 1, {v4095}},
-      {'"' + v4095 + R"(","b")", 2, {v4095, "b"}},  // a full value keeps its comma
       {'"' + v5000 + R"(","b")", 3, {v4095, v904, "b"}},
-      // Runs longer than sixteen bytes, with the stops late in them.
-      {R"("quoted, with commas, past sixteen bytes",x)",
-       2,
+      {R"("quoted, with commas, past sixteen bytes",x)", 2,
        {"quoted, with commas, past sixteen bytes", "x"}},
-      {R"(unquoted value longer than sixteen,and more)",
-       2,
-       {"unquoted value longer than sixteen", "and more"}},
-      {R"("a plain stretch then an escape 
- and ""more""   ")",
-       1,
-       {"a plain stretch then an escape \n and \"more\""}},
-      {R"("\nstarts with a break","""quoted""")", 2, {"\nstarts with a break", "\"quoted\""}},
       // A doubled quote fills the value; the byte after it is the separator.
       {'"' + std::string(4094, 'v') + R"(""x",y)", 2, {std::string(4094, 'v') + '"', ",y"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.line.substr(0, 40));
-    auto [count, vals] = readLine(c.line);
-    EXPECT_EQ(count, c.count);
-    EXPECT_EQ(vals, c.vals);
+    TextFile f;
+    f.appendLine(std::string_view(c.line));
+    dbrecord r(2);
+    EXPECT_EQ(r.read(f), c.count);
+    EXPECT_EQ(values(r), c.vals);
   }
-}
-
-TEST(DbRecordLine, EmptyLinesGiveNothingAndLeaveFlagsAlone) {
-  TextFile f;
-  f.appendLine(std::string_view(""));
-  f.appendLine(std::string_view(" \t "));
+  TextFile blank;
+  blank.appendLine(std::string_view(" \t "));
   dbrecord r = makeRecord({"old"});
   r.clearChanged();
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(r.read(f), 0);  // the last one is past the end
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(r.read(blank), 0);  // the last one is past the end
   EXPECT_EQ(r.get_num_fields(), 0u);
-  EXPECT_EQ(f.currentLine, 3u);
   EXPECT_FALSE(r.isChanged());
 }
 
 TEST(DbRecordLine, RandomValuesWithinBoundsRoundTrip) {
   const unsigned int seed = std::random_device{}();
-  std::cout << "seed " << seed << "\n";
   SCOPED_TRACE(seed);
   std::mt19937 rng(seed);
   const std::string alphabet = "ab Z9,\"\\\n\t'\x01\x7f\xC3\xA9\xFF;:";
@@ -156,39 +118,25 @@ TEST(DbRecordLine, RandomValuesWithinBoundsRoundTrip) {
   }
 }
 
-TEST(DbRecordStore, SetFieldAlwaysMarksSetFieldOnlyOnChange) {
+TEST(DbRecordStore, SetFieldFormatsTrimsAndMarksChanges) {
   zyldb table;
   dbrecord r(2);
   r.set_container(&table);
-  EXPECT_EQ(r.set_field(0, "same", true), 1);
+  r.set_field(0, "same", true);
   r.clearChanged();
   table.clear_changed();
   EXPECT_EQ(r.setField(0, LightweightString<char>("same")), 1);
-  EXPECT_EQ(r.setField(1, LightweightString<char>()), 1);
   EXPECT_FALSE(r.isChanged());
-  EXPECT_EQ(table.get_changed(), 0);
-  EXPECT_EQ(r.set_field(0, "same", true), 1);
+  EXPECT_EQ(r.set_field(0, "same", true), 1);  // marks even when equal
   EXPECT_TRUE(r.isChanged());
   EXPECT_EQ(table.get_changed(), 1);
-  EXPECT_EQ(r.setField(2, LightweightString<char>("x")), 0);
-}
 
-TEST(DbRecordStore, FormatsTrimsAndChecksIndexes) {
-  dbrecord r(1);
   auto stored = [&](int result) { return result == 1 ? std::string(r.get_field(0)) : "refused"; };
   EXPECT_EQ(stored(r.set_field(0, "   abc  ", true)), "abc  ");
-  EXPECT_EQ(stored(r.set_field(0, "   abc  ", false)), "   abc  ");
-  EXPECT_EQ(stored(r.set_field(0, " \xA0x", true)), "\xA0x");
-  EXPECT_EQ(stored(r.set_field(0, nullptr, true)), "");
   EXPECT_EQ(stored(r.set_field(0, 1.0)), "1.00000000");
-  EXPECT_EQ(stored(r.set_field(0, -7)), "-7");
-  EXPECT_EQ(stored(r.set_field(0, 4000000000u)), "4000000000");
-  EXPECT_EQ(stored(r.set_field(0, true)), "t");
-  EXPECT_EQ(stored(r.set_field(0, false)), "f");
+  EXPECT_EQ(stored(r.set_field(0, true)) + stored(r.set_field(0, false)), "tf");
   EXPECT_EQ(stored(r.set_field(0, "two")), "two");  // not the bool overload
-  EXPECT_EQ(r.set_field(-1, "x", true), 0);
-  EXPECT_EQ(r.set_field(1, 3), 0);
-  EXPECT_EQ(r.get_num_fields(), 1u);
+  EXPECT_EQ(r.set_field(-1, "x", true) + r.set_field(2, 3), 0);
 }
 
 TEST(DbRecordStore, CopyAndAssignment) {
@@ -196,60 +144,30 @@ TEST(DbRecordStore, CopyAndAssignment) {
   dbrecord src = makeRecord({" a", "b", "  c", "", "e "});
   src.setTag(1);
   src.set_container(&table);
-  dbrecord copy(src);
-  EXPECT_EQ(copy.get_container(), nullptr);
-  EXPECT_FALSE(copy.isChanged());
-  EXPECT_EQ(copy.getTag(), 0);
-  EXPECT_THAT(values(copy), ElementsAre(" a", "b", "  c", "", "e "));
-
+  EXPECT_THAT(values(dbrecord(src)), ElementsAre(" a", "b", "  c", "", "e "));
   dbrecord dst = makeRecord({"x", "y", "z"});
   dst.set_container(&other);
   dst.setTag(2);
-  dst.clearChanged();
   dst = src;
   EXPECT_THAT(values(dst), ElementsAre("a", "b", "c", "", "e "));
-  EXPECT_TRUE(dst.isChanged());
   EXPECT_EQ(dst.get_container(), &other);
   EXPECT_EQ(dst.getTag(), 2);
   EXPECT_EQ(other.get_changed(), 1);
-  const dbrecord& self = dst = makeRecord({"  only"});
-  dst = self;
-  EXPECT_THAT(values(dst), ElementsAre("only"));
 }
 
 TEST(DbRecordAccess, CopyOutOutOfRangeAndShapeChanges) {
-  dbrecord r = makeRecord({"abcdef", ""});
-  char buf[8];
-  std::memset(buf, '#', sizeof buf);
+  dbrecord r = makeRecord({"abcdef", "b", "c"});
+  char buf[8] = "#######";
   EXPECT_EQ(r.in_field(0, buf, 3), 1);
   EXPECT_THAT(buf, StrEq("abc"));
-  EXPECT_EQ(r.in_field(1, buf, 5), 1);
-  EXPECT_EQ(buf[0], 0);
-  buf[0] = '#';
-  EXPECT_EQ(r.in_field(2, buf, 5), 0);
-  EXPECT_EQ(r.in_field(-1, buf, 5), 0);
-  EXPECT_EQ(buf[0], '#');
-  EXPECT_EQ(r.get_field(2), nullptr);
-  EXPECT_THAT(r.get_field(1), StrEq(""));
-  EXPECT_EQ(&r.getField(70000 & 0xFFFF), &dbrecord(1).getField(9));
-  EXPECT_TRUE(r.getField(2).empty());
-
-  // Shape changes keep the flags.
-  r = makeRecord({"a", "b", "c"});
-  r.clearChanged();
+  EXPECT_EQ(r.in_field(3, buf, 5) + r.in_field(-1, buf, 5), 0);
+  EXPECT_THAT(buf, StrEq("abc"));
+  r.clearChanged();  // shape changes keep the flags
   r.removeField(1);
   r.removeField(2);
-  EXPECT_THAT(values(r), ElementsAre("a", "c"));
   int widths[1] = {0};
-  r.resizeRecord(4, nullptr, false);
-  r.resizeRecord(-1, widths, false);
-  EXPECT_EQ(r.get_num_fields(), 2u);
   r.resizeRecord(3, widths, false);
-  EXPECT_THAT(values(r), ElementsAre("a", "c", ""));
-  EXPECT_EQ(r.is_blank(), 0);
-  r.clear();
-  EXPECT_EQ(r.get_num_fields(), 3u);
-  EXPECT_EQ(r.is_blank(), 1);
+  EXPECT_THAT(values(r), ElementsAre("abcdef", "c", ""));
   EXPECT_FALSE(r.isChanged());
 }
 
@@ -262,34 +180,19 @@ TEST(DbRecordUpdate, PublishesMappedColumnsPerSetting) {
   dbrecord r(7);
   int i = 0;
   for (const char* v : {"12-1A", "001", "good", "S01", "A", "L9", "12"}) r.set_field(i++, v, true);
-  configb cfg;
-  EXPECT_EQ(r.update(&cfg), 0);  // no container
   r.set_container(&table);
-
-  struct Case {
-    int editable;
-    int written;
-    std::string keys;
-  } cases[] = {
-      {1, 5, "slate/take=12-1A name=12-1A reelid=001 notes=good reelid1=S01 lab_reel=L9 scene=12 "},
-      {0, 3, "slate/take=12-1A name=12-1A reelid=001 notes=good scene=12 "},
-  };
-  for (const Case& c : cases) {
-    zyl::librarySettings().dbvReelFieldEditable = c.editable;
+  for (int editable : {1, 0}) {
+    zyl::librarySettings().dbvReelFieldEditable = editable;
     configb out;
-    EXPECT_EQ(r.update(&out), c.written);
+    EXPECT_EQ(r.update(&out), editable ? 5 : 3);
     std::string keys;
     for (size_t k = 0; k < out.size(); ++k)
       keys += std::string(out.keyAt(k).view()) + "=" + std::string(out.valueAt(k).view()) + " ";
-    EXPECT_EQ(keys, c.keys);
+    EXPECT_EQ(keys, editable ? "slate/take=12-1A name=12-1A reelid=001 notes=good reelid1=S01 "
+                               "lab_reel=L9 scene=12 "
+                             : "slate/take=12-1A name=12-1A reelid=001 notes=good scene=12 ");
   }
   zyl::librarySettings() = saved;
-
-  zyldb noName(std::vector<DBFieldDesc>{{LightweightString<char>("Reel"), DBFieldTypes::text}});
-  dbrecord lone(1);
-  lone.set_container(&noName);
-  EXPECT_EQ(lone.update(&cfg), 0);
-  EXPECT_EQ(cfg.size(), 0u);
 }
 
 }  // namespace

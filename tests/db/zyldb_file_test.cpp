@@ -104,60 +104,23 @@ class ZyldbFileTest : public ::testing::Test {
   zyl::LogSink previousSink_;
 };
 
-TEST(FieldTypes, ParserWidthsAndStringHelpers) {
-  struct Case {
-    const char* text;
-    int type;
-  } cases[] = {
-      {"TIMECODE", 't'}, {"Timecode_S", 'T'}, {"text", 'a'}, {"TEXT_S", 'A'},  {"time_of_day", 'D'},
-      {"Date", 'd'},     {"DOS_DATE", 'M'},   {"char", 'c'}, {"numeric", 'n'}, {"long", 'l'},
-      {"double", 'f'},   {"A", 'A'},          {"a", 'a'},    {"x", 'x'},       {"", 0},
-      {"texts", 0},      {" text", 0},        {"ab", 0}};
-  for (const Case& c : cases) EXPECT_EQ(zyldb_string_to_fieldtype(c.text), c.type) << c.text;
-
-  for (auto [name, width] : {std::pair<const char*, int>{"notes", 100},
-                             {"TAG", 1},
-                             {"Clip", 4},
-                             {"Reel Type", 30},
-                             {"start 24P code", 12},
-                             {nullptr, 4}})
-    EXPECT_EQ(zyldb::getMinFieldSize(name), width) << (name ? name : "null");
-
-  EXPECT_THAT(strip_char_from_string('&', "&Reel &Name").c_str(), StrEq("Reel Name"));
-  EXPECT_TRUE(strip_char_from_string('&', "").isNull());
-  EXPECT_EQ(heap_strdup(nullptr), nullptr);
-  OS()->allocator().failNthAllocation(1);
-  EXPECT_EQ(heap_strdup("abc"), nullptr);
-  OS()->allocator().failNthAllocation(0);
-}
-
 TEST(Params, AddFollowsTheListRules) {
   zyldb t;
-  EXPECT_EQ(t.find_param("Owner"), -1);
   EXPECT_EQ(t.add_param("Owner", "x"), 0);
   TextFile f;
   t.save_params(f);
   EXPECT_THAT(linesOf(f), ElementsAre("\"ZYLDB:Rev 1\"", "\"Owner:x\""));
   EXPECT_EQ(t.add_param("owner", "y"), 0);
-  EXPECT_THAT(t.getParamName(t.find_param("OWNER")), StrEq("Owner"));
-  EXPECT_THAT(t.get_param_val("owner"), StrEq("y"));
-  t.clear_changed();
-  EXPECT_EQ(t.set_param_val("Owner", "y"), 0);
-  EXPECT_EQ(t.get_changed(), 0);
   EXPECT_EQ(t.add_param("ZYLDB", "Rev 2"), 0);  // found, so replaced
   EXPECT_THAT(t.get_param_val("zyldb"), StrEq("Rev 2"));
-  EXPECT_EQ(t.get_changed(), 1);
-  EXPECT_EQ(t.add_param(nullptr, "v"), -1);
-  EXPECT_EQ(t.add_param("", "v"), -1);
-  EXPECT_EQ(t.add_param("k", nullptr), -1);
+  EXPECT_EQ(t.add_param(nullptr, "v") + t.add_param("", "v") + t.add_param("k", nullptr), -3);
   for (int i = 2; i < 40; ++i) EXPECT_EQ(t.add_param(("p" + std::to_string(i)).c_str(), "v"), 0);
   EXPECT_EQ(t.add_param("one too many", "v"), -1);
   EXPECT_EQ(t.add_param("p39", "new"), 0);
-
-  zyldb fresh;
-  EXPECT_EQ(fresh.add_param("ZYLDB", "Rev 2"), -1);
-  ASSERT_EQ(fresh.getNumParams(), 1u);
-  EXPECT_THAT(fresh.get_param_val("ZYLDB"), StrEq("Rev 1"));
+  EXPECT_EQ(zyldb().add_param("ZYLDB", "Rev 2"), -1);
+  OS()->allocator().failNthAllocation(1);
+  EXPECT_EQ(heap_strdup("abc"), nullptr);
+  OS()->allocator().failNthAllocation(0);
 }
 
 TEST_F(ZyldbFileTest, ReadParams) {
@@ -174,33 +137,14 @@ TEST_F(ZyldbFileTest, ReadParams) {
   EXPECT_THAT(logs_, ElementsAre("log: zyldb::read_text:  Warning: zyldb is revision 3, current "
                                  "level is 1\n"));
   ASSERT_EQ(t.getNumParams(), 3u);
-  EXPECT_THAT(t.getParamName(0), StrEq("zyldb"));
   EXPECT_THAT(t.getParamValue(0), StrEq("Rev 3"));
   EXPECT_THAT(t.get_param_val("a"), StrEq("b:c"));
-  EXPECT_THAT(t.get_param_val("sp "), StrEq("v"));
-  EXPECT_THAT(scratch.get_field(0), StrEq("ZYLDB"));
-
-  std::vector<std::string> many = {R"("ZYLDB:Rev 1")"};
-  for (int i = 0; i < 45; ++i) many.push_back("\"p" + std::to_string(i) + ":v\"");
-  many.push_back(R"("ZYLDB")");
-  f = file(many);
-  EXPECT_EQ(t.read_params(f, &scratch), 0);
-  EXPECT_EQ(t.getNumParams(), 40u);
-  EXPECT_EQ(t.get_param_val("p39"), nullptr);
 
   // A line without a colon ends the parameters and is left in the scratch.
   f = file({R"("ZYLDB:Rev 1")", R"("k:v")", R"("Reel","Scene")", R"("ZYLDB")"});
   EXPECT_NE(t.read_params(f, &scratch), 0);
   EXPECT_EQ(t.getNumParams(), 2u);
   EXPECT_THAT(scratch.get_field(1), StrEq("Scene"));
-  f = file({R"("ZYLDB:Rev 1")", R"("k:v")"});  // no terminator
-  EXPECT_NE(t.read_params(f, &scratch), 0);
-  EXPECT_EQ(t.getNumParams(), 2u);
-  f = file({R"("Name","Reel")"});
-  EXPECT_NE(t.read_params(f, &scratch), 0);
-  EXPECT_EQ(t.getNumParams(), 0u);
-  f = file({});
-  EXPECT_EQ(t.read_params(f, &scratch), 0);
 }
 
 TEST(ColumnHeader, WritesWidthsTypesAndNames) {
@@ -227,12 +171,7 @@ TEST_F(ZyldbFileTest, RealisticLogRoundTripsLineForLine) {
   ASSERT_EQ(t->get_valid(), 1);
   EXPECT_EQ(t->get_num_records(), 36u);
   EXPECT_EQ(typesOf(*t), "aaaaaattttattaaaaaaaaan");
-  EXPECT_THAT(t->get_param_val("OWNER"), StrEq("assist 2, cutting room B"));
   EXPECT_THAT(t->getField(7, 20).c_str(), StrEq("Insert: kettle boils over\nsteam only, no hands"));
-  EXPECT_THAT(t->getField(4, 20).c_str(),
-              StrEq("Over Maria's shoulder, Tom says \"not tonight\" early"));
-  EXPECT_EQ(t->get_changed(), 1);
-  EXPECT_NE(t->getLastChange(), 0);
 
   t->set_filename(wpath("copy.log"));
   EXPECT_EQ(t->save_text(), 36);
@@ -243,7 +182,7 @@ TEST_F(ZyldbFileTest, RealisticLogRoundTripsLineForLine) {
 
 TEST_F(ZyldbFileTest, LoadingReportsErrorsAndWarnings) {
   const std::string user = "user: zyldb::add_text: returning because not all fields filled\n";
-  const std::string noMore = "log: zyldb::add_text: returning because no more lines\n";
+  const std::string h = "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n";
   const std::string long5000(5000, 'v');
   struct Case {
     const char* what;
@@ -255,6 +194,23 @@ TEST_F(ZyldbFileTest, LoadingReportsErrorsAndWarnings) {
     std::string types = "aaa";
   } cases[] = {
       {"header only", kHeader, 1, {}, {}},
+      {"truncated record",
+       kHeader + "\"1\",\"2\",\"3\"\n\"4\",\"5",
+       1,
+       {{"1", "2", "3"}},
+       {1, 1, 0, 0},
+       {user}},
+      {"truncated header", h + "\"4\",\"4\"\n\"text\",\"t\"\n", 0, {}, {3, 4, 0, 0}, {}, "at"},
+      {"NUL ends a line",
+       kHeader + std::string("\"1\",\"2\",\"3\0\",\"4\"\n", 17),
+       1,
+       {{"1", "2", "3"}},
+       {}},
+      {"line longer than the value buffer",
+       kHeader + "\"a\",\"" + long5000 + "\"\n",
+       1,
+       {{"a", long5000.substr(0, 4095), long5000.substr(0, 904)}},
+       {}},
       {"short row",
        kHeader + "\"1\",\"2\",\"3\"\n\"4\",\"5\"\n\"7\",\"8\",\"9\"\n",
        1,
@@ -262,71 +218,28 @@ TEST_F(ZyldbFileTest, LoadingReportsErrorsAndWarnings) {
        {1, 1, 0, 0},
        {user}},
       {"tab makes an extra field", kHeader + "\"1\",\t\"2\",\"3\"\n", 1, {}, {1, 0, 0, 0}, {user}},
-      {"truncated record",
-       kHeader + "\"1\",\"2\",\"3\"\n\"4\",\"5",
-       1,
-       {{"1", "2", "3"}},
-       {1, 1, 0, 0},
-       {user}},
       {"empty line ends records",
        kHeader + "\"1\",\"2\",\"3\"\n\n\"4\",\"5\",\"6\"\n",
        1,
        {{"1", "2", "3"}},
        {}},
       {"CRLF",
-       "\"ZYLDB:Rev 1\"\r\n\"ZYLDB\"\r\n\"4\",\"4\",\"4\"\r\n\"text\",\"text\",\"text\"\r\n"
-       "\"A\",\"B\",\"C\"\r\n\"1\",\"2\",\"3\"\r\n\"4\",\"5\",\"6\"",
+       "\"ZYLDB:Rev 1\"\r\n\"ZYLDB\"\r\n\"4\"\r\n\"text\"\r\n\"A\"\r\n\"1\"\r\n\"4\"",
        1,
-       {{"1", "2", "3"}, {"4", "5", "6"}},
-       {}},
-      {"NUL ends a line",
-       kHeader + std::string("\"1\",\"2\",\"3\0\",\"4\"\n", 17),
-       1,
-       {{"1", "2", "3"}},
-       {}},
-      {"long value",
-       kHeader + "\"a\",\"" + long5000 + "\"\n",
-       1,
-       {{"a", long5000.substr(0, 4095), long5000.substr(0, 904)}},
-       {}},
-      {"types count",
-       "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\"\n\"A\",\"B\"\n",
-       0,
+       {{"1"}, {"4"}},
        {},
-       {3, 3, 0, 0},
        {},
-       ""},
-      {"names count",
-       "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"t\"\n\"A\"\n",
-       0,
-       {},
-       {3, 4, 0, 0},
-       {},
-       "at"},
-      {"truncated header",
-       "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"t\"\n",
-       0,
-       {},
-       {3, 4, 0, 0},
-       {},
-       "at"},
+       "a"},
+      {"types count", h + "\"4\",\"4\"\n\"text\"\n\"A\",\"B\"\n", 0, {}, {3, 3, 0, 0}, {}, ""},
+      {"names count", h + "\"4\",\"4\"\n\"text\",\"t\"\n\"A\"\n", 0, {}, {3, 4, 0, 0}, {}, "at"},
       {"unknown type",
-       "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"4\",\"4\"\n\"text\",\"bogus\"\n\"A\",\"B\"\n"
-       "\"1\",\"2\"\n",
+       h + "\"4\",\"4\"\n\"text\",\"bogus\"\n\"A\",\"B\"\n\"1\",\"2\"\n",
        1,
        {{"1", "2"}},
        {2, 3, 0, 0},
        {},
        "aa"},
       {"no magic", "\"A\",\"B\",\"C\"\n\"1\",\"2\",\"3\"\n", 0, {}, {}, {}, ""},
-      {"empty file", "", 0, {}, {}, {}, ""},
-      {"revision 2",
-       "\"ZYLDB:Rev 2\"\n\"ZYLDB\"\n\"4\"\n\"c\"\n\"A\"\n\"1\"\n",
-       1,
-       {{"1"}},
-       {},
-       {"log: zyldb::read_text:  Warning: zyldb is revision 2, current level is 1\n"},
-       "c"},
       {"header line among records",
        kOneColumn + "\"r1\"\n\"zyldb\"\n\"s1\"\n\"s2\"\n\"kept\"\n",
        1,
@@ -334,22 +247,7 @@ TEST_F(ZyldbFileTest, LoadingReportsErrorsAndWarnings) {
        {},
        {},
        "a"},
-      {"header line at the end",
-       kOneColumn + "\"r1\"\n\"ZYLDB\"\n\"s1\"\n",
-       1,
-       {{"r1"}},
-       {},
-       {noMore},
-       "a"},
-      {"no columns", "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\n", 1, {}, {}, {}, ""},
-      {"lenient names",
-       "\"ZYLDB:Rev 1\"\n\"Reel\",\"Start\",\"END TC\"\n\"1\",\"2\",\"3\"\n",
-       1,
-       {{"1", "2", "3"}},
-       {},
-       {},
-       "att"},
-      {"no terminator", "\"ZYLDB:Rev 1\"\n\"k:v\"\n", 1, {}, {}, {}, ""},
+      {"empty file", "", 0, {}, {}, {}, ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -369,21 +267,15 @@ TEST_F(ZyldbFileTest, LoadingReportsErrorsAndWarnings) {
 
 TEST_F(ZyldbFileTest, StrictHeaderRowLimitAndCsv) {
   writeFile("loose.log", "\"ZYLDB:Rev 1\"\n\"Reel\",\"Start\"\n\"1\",\"2\"\n");
-  EXPECT_THAT(load("loose.log")->get_fieldname(1), StrEq("Start"));
   EXPECT_EQ(load("loose.log", INT_MAX, true)->get_valid(), 0);
   writeFile("three.log", kOneColumn + "\"1\"\n\"2\"\n\"3\"\n");
   EXPECT_EQ(load("three.log", 2)->get_num_records(), 2u);
-  EXPECT_EQ(load("three.log", 0)->get_num_records(), 0u);
 
   // Comma-separated files: a header of names, then rows cut or padded to fit.
   writeFile("clips.csv", "Reel,Scene\nA001,12,extra\n\nonly\n x ,\n");
   auto t = load("clips.csv");
-  EXPECT_EQ(t->get_valid(), 1);
-  EXPECT_THAT(t->get_fieldname(1), StrEq("Scene"));
   EXPECT_EQ(typesOf(*t), "AA");
   EXPECT_EQ(rowsOf(*t), (Rows{{"A001", "12"}, {"only", ""}, {" x ", ""}}));
-  writeFile("empty.csv", "");
-  EXPECT_EQ(load("empty.csv")->get_valid(), 1);
   writeFile("upper.CSV", "Reel,Scene\nA001,12\n");
   EXPECT_EQ(load("upper.CSV")->get_valid(), 0);
 }
@@ -396,7 +288,6 @@ TEST_F(ZyldbFileTest, PartialSavesAndLoadText) {
   t.set_field(row + 1, 1u, "12");
   t.set_filename(wpath("names.log"));
   EXPECT_EQ(t.save_text_without_header(), 2);
-  EXPECT_EQ(readFile("names.log"), "\"Reel\",\"Scene\"\n\"001\",\"\"\n\"\",\"12\"\n");
 
   zyldb into(cols);
   into.set_filename(wpath("names.log"));
@@ -407,10 +298,7 @@ TEST_F(ZyldbFileTest, PartialSavesAndLoadText) {
   into.set_filename(wpath("magic.log"));
   EXPECT_EQ(into.load_text(10), 0);
   dberror e;
-  ASSERT_EQ(into.read_error_info(e), 1);
-  EXPECT_EQ(e.code * 100 + e.detail, 100);
-  into.set_filename(wpath("missing.log"));
-  EXPECT_EQ(into.load_text(10), 0);
+  EXPECT_EQ(into.read_error_info(e) * 100 + e.code * 10 + e.detail, 110);
 
   // Tagged rows only, with the tag column left empty; a full save fills it.
   zyldb tags(columns({{"Name", 'a'}, {"Tag", 'n'}}));
@@ -418,8 +306,6 @@ TEST_F(ZyldbFileTest, PartialSavesAndLoadText) {
   for (int i = 0; i < 3; ++i) tags.set_field(row + i, 0u, ("n" + std::to_string(i)).c_str());
   tags.set_filename(wpath("tags.log"));
   const std::string header = "\"ZYLDB\"\n\"32\",\"1\"\n\"text\",\"numeric\"\n\"Name\",\"Tag\"\n";
-  EXPECT_TRUE(tags.save_tags());
-  EXPECT_EQ(readFile("tags.log"), header);
   tags.set_tag(0, 1);
   tags.set_tag(2, 1);
   EXPECT_TRUE(tags.save_tags());

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <zyldb/platform/Cookie.h>
-#include <zyldb/platform/TextUtil.h>
 
 #include <string>
 #include <thread>
@@ -17,27 +16,20 @@ TEST(CookieTest, ParsesTheTextFormStrictlyOrLeniently) {
   EXPECT_EQ(c.getId().hi, 0x0f3c9a2e4b5d6c7eULL);
   EXPECT_EQ(c.getId().lo, 0x8f90112233445566ULL);
   EXPECT_EQ(c.asString(), kText);
-  EXPECT_EQ(Cookie(LightweightString<char>(kText), true), c);
-  EXPECT_EQ(Cookie(Qm::WStringFromAscii(kText), true), c);
   std::string upper = "M0F3C9A2E4B5D6C7E8F90112233445566";
   std::string padded = "  " + std::string(kText) + "\t";
   for (const std::string& loose : {upper, padded}) {
     EXPECT_FALSE(Cookie(loose.c_str(), true).isValid()) << loose;
     EXPECT_EQ(Cookie(loose.c_str(), false), c) << loose;
   }
-  for (const char* bad :
-       {"", "M", "M0f3c", "M0f3c9a2e4b5d6c7e8f901122334455667", "M0f3c9a2e4b5d6c7e8f9011223344556g",
-        "I0f3c9a2e4b5d6c7e8f90112233445566", " 0f3c9a2e4b5d6c7e8f90112233445566"}) {
-    EXPECT_FALSE(Cookie(bad, false).isValid()) << bad;
+  for (const char* bad : {"", "M0f3c", "M0f3c9a2e4b5d6c7e8f901122334455667",
+                          "M0f3c9a2e4b5d6c7e8f9011223344556g", "I0f3c9a2e4b5d6c7e8f90112233445566"})
     EXPECT_EQ(Cookie(bad, false).getId(), Qm::UUID{}) << bad;
-  }
   EXPECT_FALSE(Cookie(static_cast<const char*>(nullptr), true).isValid());
-  LightweightString<wchar_t> accented(L"M0f3c9a2e4b5d6c7e8f9011223344556\u00e9");
-  EXPECT_FALSE(Cookie(accented, false).isValid());
+  EXPECT_FALSE(Cookie(LightweightString<wchar_t>(L"M0f3c9a2e4b5d6c7e8f9011223344556\u00e9"), false)
+                   .isValid());
 
-  Cookie b = convertCookie(c, 'B', 255);
-  EXPECT_EQ(b.getType(), 'B');
-  EXPECT_EQ(b.getId(), c.getId());
+  EXPECT_EQ(convertCookie(c, 'B', 255), Cookie(c.getId(), 'B'));
   EXPECT_FALSE(convertCookie(Cookie(), 'B', 255).isValid());
 }
 
@@ -52,15 +44,12 @@ TEST(CookieTest, MakeGivesFreshIdsThatRoundTripOnAnyThread) {
   for (auto& t : threads) t.join();
   CookieSet all;
   for (auto& v : made)
-    for (size_t i = 0; i < v.size(); ++i) {
-      EXPECT_EQ(v[i].getType(), types[i % 5]);
-      EXPECT_EQ(Cookie(v[i].asString(), true), v[i]);
-      all.insert(v[i]);
+    for (const Cookie& c : v) {
+      EXPECT_EQ(Cookie(c.asString(), true), c);
+      all.insert(c);
     }
   EXPECT_EQ(all.size(), 4000u);
   for (char bad : {'I', '\n', ' '}) EXPECT_FALSE(Cookie::make(bad).isValid()) << int(bad);
-  EXPECT_TRUE(Cookie().asString().empty());
-  EXPECT_EQ(Cookie(Cookie().asString(), true), Cookie());
 }
 
 TEST(CookieTest, CompareByTypeThenId) {
@@ -84,14 +73,9 @@ TEST(CookieTest, CookieVecCopiesOnWrite) {
   EXPECT_EQ(&a[0], &b[0]);  // shared
   b.push_back(Cookie::make('B'));
   EXPECT_EQ(a.size(), 1u);
-  EXPECT_EQ(b.size(), 2u);
-  EXPECT_EQ(a[0], b[0]);
-  CookieVec c = b;
-  c.clear();
-  EXPECT_TRUE(c.empty());
-  EXPECT_EQ(b.size(), 2u);
   CookieVec::add(a, a[0]);  // duplicates kept
   EXPECT_EQ(a.size(), 2u);
+  EXPECT_EQ(b.size(), 2u);
 }
 
 }  // namespace

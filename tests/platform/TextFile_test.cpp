@@ -39,12 +39,7 @@ class TextFileTest : public ::testing::Test {
     std::ifstream in(path(name), std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
   }
-  Lines files() const {
-    Lines out;
-    for (const auto& e : std::filesystem::directory_iterator(dir_))
-      out.push_back(e.path().filename());
-    return out;
-  }
+  long fileCount() const { return std::distance(std::filesystem::directory_iterator(dir_), {}); }
   Lines lines(const std::string& bytes) {
     write("in.txt", bytes);
     TextFile f;
@@ -66,19 +61,15 @@ class TextFileTest : public ::testing::Test {
 TEST_F(TextFileTest, SplitsLfCrlfAndAKeptLastLineOfAnySize) {
   EXPECT_EQ(lines(""), Lines{});
   EXPECT_EQ(lines("\n"), Lines{""});
-  EXPECT_EQ(lines("a\nb\n"), (Lines{"a", "b"}));
-  EXPECT_EQ(lines("a\r\nb\r\n"), (Lines{"a", "b"}));
   EXPECT_EQ(lines("a\r\nb\nc"), (Lines{"a", "b", "c"}));
   EXPECT_EQ(lines("a\n\n\nb"), (Lines{"a", "", "", "b"}));
   EXPECT_EQ(lines("a\r\r\nb\r"), (Lines{"a\r", "b\r"}));  // one CR per LF only
-  EXPECT_EQ(lines("\r\n\r\n"), (Lines{"", ""}));
   EXPECT_EQ(lines(std::string("ab\0cd\nx", 7)), (Lines{std::string("ab\0cd", 5), "x"}));
   std::string huge(3'000'000, 'q');
   for (int i = 0; i < 100000; ++i) huge += "\r\n" + std::to_string(i);
   Lines many = lines(huge);
   ASSERT_EQ(many.size(), 100001u);
   EXPECT_EQ(many[0].size(), 3'000'000u);
-  EXPECT_EQ(many[12345], "12344");
   EXPECT_EQ(many[100000], "99999");
 }
 
@@ -87,19 +78,16 @@ TEST_F(TextFileTest, SavesChosenLineEndsAndKeepsPermissions) {
   chmod(path("lf.txt").c_str(), 0640);
   TextFile f = threeLines();
   ASSERT_TRUE(f.save(wide("lf.txt")));
-  ASSERT_TRUE(f.save(wide("native.txt"), TextFile::eNative));
+  ASSERT_TRUE(f.save(wide("caf\xc3\xa9.txt"), TextFile::eNative));  // UTF-8 name
   ASSERT_TRUE(f.save(wide("crlf.txt"), TextFile::eCRLF));
   EXPECT_EQ(read("lf.txt"), "one\ntwo\nthree\n");
-  EXPECT_EQ(read("native.txt"), "one\ntwo\nthree\n");
+  EXPECT_EQ(read("caf\xc3\xa9.txt"), "one\ntwo\nthree\n");
   EXPECT_EQ(read("crlf.txt"), "one\r\ntwo\r\nthree\r\n");
   struct stat st;
   ASSERT_EQ(stat(path("lf.txt").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0640u);
-  EXPECT_EQ(files().size(), 3u) << "temporary file left behind";
-  // Past the end reads as empty.
-  EXPECT_STREQ(f.line(3), "");
-  EXPECT_EQ(f.lineLength(99), 0u);
-  EXPECT_TRUE(f[3].empty());
+  EXPECT_EQ(fileCount(), 3) << "temporary file left behind";
+  EXPECT_STREQ(f.line(3), "");  // past the end
 }
 
 TEST_F(TextFileTest, FailuresReportTheSystemError) {
@@ -114,41 +102,33 @@ TEST_F(TextFileTest, FailuresReportTheSystemError) {
   EXPECT_EQ(OS()->fileService().lastError(), "No such file or directory");
 }
 
-TEST_F(TextFileTest, FailedWriteOrMoveLeavesOldFileAndNoTemporary) {
+// Saving turns the buffer's NULs into line feeds for the write: the lines
+// must come back whole, after a failed save as after a good one.
+TEST_F(TextFileTest, FailedSaveLeavesOldFileLinesAndNoTemporary) {
   write("t.txt", "old\n");
   FaultyFileService faulty;
   zyl::testing::ScopedFileService use(&faulty);
+  TextFile f = threeLines();
+  f.appendLine(std::string_view("nul\0inside", 10));
   for (auto op : {FaultyFileService::kWrite, FaultyFileService::kMove}) {
     faulty.reset();
     faulty.setTornWrites(true);
     faulty.failNth(op);
-    EXPECT_FALSE(threeLines().save(wide("t.txt"))) << op;
+    EXPECT_FALSE(f.save(wide("t.txt"))) << op;
     EXPECT_EQ(faulty.failures(op), 1);
     EXPECT_EQ(read("t.txt"), "old\n");
-    EXPECT_EQ(files(), Lines{"t.txt"});
+    EXPECT_EQ(fileCount(), 1);
     EXPECT_EQ(OS()->fileService().lastError(), "injected failure");
   }
   faulty.reset();
-  faulty.failNth(FaultyFileService::kRead);
-  TextFile f;
-  EXPECT_FALSE(f.load(wide("t.txt")));
-  EXPECT_TRUE(f.load(wide("t.txt")));
-}
-
-// Saving turns the buffer's NULs into line feeds for the write: the lines
-// must come back whole, after a failed save as after a good one.
-TEST_F(TextFileTest, LinesSurviveSavingWhetherItWorksOrNot) {
-  TextFile f = threeLines();
-  f.appendLine(std::string_view("nul\0inside", 10));
-  FaultyFileService faulty;
-  zyl::testing::ScopedFileService use(&faulty);
-  faulty.failNth(FaultyFileService::kWrite);
-  EXPECT_FALSE(f.save(wide("t.txt")));
   EXPECT_TRUE(f.save(wide("t.txt")));
   EXPECT_EQ(read("t.txt"), std::string("one\ntwo\nthree\nnul\0inside\n", 25));
   ASSERT_EQ(f.getNumLines(), 4u);
   EXPECT_STREQ(f.line(2), "three");
   EXPECT_EQ(f[3].view(), std::string_view("nul\0inside", 10));
+  faulty.failNth(FaultyFileService::kRead);
+  EXPECT_FALSE(f.load(wide("t.txt")));
+  EXPECT_TRUE(f.load(wide("t.txt")));
 }
 
 TEST_F(TextFileTest, LinesAreAddedWholeOrNotAtAll) {
@@ -171,27 +151,8 @@ TEST_F(TextFileTest, LinesAreAddedWholeOrNotAtAll) {
   OS()->allocator().failNthAllocation(0);
   f.appendLine("last");
   EXPECT_EQ(f.getNumLines(), 5u);
-  EXPECT_EQ(f[2], "three");
   EXPECT_EQ(f[3], "abcd");
   EXPECT_EQ(f[4], "last");
-}
-
-TEST_F(TextFileTest, FileServiceBasics) {
-  zyl::FileService& fs = OS()->fileService();
-  write("a", "x");
-  EXPECT_TRUE(fs.exists(wide("a")));
-  EXPECT_FALSE(fs.isDirectory(wide("a")));
-  EXPECT_TRUE(fs.isDirectory(fromUTF8(LightweightString<char>(dir_))));
-  EXPECT_TRUE(fileExists(wide("a")));
-  EXPECT_FALSE(fs.move(wide("a"), wide("b"), 1));  // flags must be 0
-  EXPECT_TRUE(fs.move(wide("a"), wide("b"), 0));
-  EXPECT_FALSE(fs.exists(wide("a")));
-  EXPECT_TRUE(fs.remove(wide("b")));
-  EXPECT_FALSE(fs.remove(wide("b")));
-  EXPECT_EQ(fs.lastError(), "No such file or directory");
-  // Non-ASCII names go to the system as UTF-8.
-  ASSERT_TRUE(fs.writeFile(wide("caf\xc3\xa9.txt"), "ok", 2));
-  EXPECT_EQ(read("caf\xc3\xa9.txt"), "ok");
 }
 
 }  // namespace

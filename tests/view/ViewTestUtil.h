@@ -1,6 +1,6 @@
 #pragma once
 
-// Helpers for the view tests: small named tables and message recording.
+// Helpers for the view tests: small named tables, views and message recording.
 
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/db/zyldb.h>
@@ -23,6 +23,18 @@ inline std::unique_ptr<zyldb> makeTable(int rows, std::vector<const char*> colum
   t->add_records(rows);
   for (int i = 0; i < rows; ++i) t->set_field(i, 0u, ("r" + std::to_string(i)).c_str());
   return t;
+}
+
+inline void setColumn(zyldb& t, unsigned col, std::vector<const char*> values) {
+  for (unsigned i = 0; i < values.size(); ++i) t.set_field(i, col, values[i]);
+}
+
+// A view over `base` (or the table) showing the source rows `rows`.
+inline ODBView viewOf(zyldb* table, std::vector<int> rows, ODBViewRep* base = nullptr) {
+  ODBView v(new ODBViewRep(table));
+  v->baseView(base);
+  for (int r : rows) v->append(r);
+  return v;
 }
 
 // The first column of every view row ("" for a row without record).
