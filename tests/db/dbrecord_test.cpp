@@ -66,7 +66,8 @@ TEST(DbRecordLine, ReadFollowsTheLineRules) {
       {R"(ab""cd,e"f"g)", 2, {"ab\"cd", "efg"}},
       {v5000, 2, {v4095, v904}},  // the 4096th byte is the separator
       {'"' + v5000 + R"(","b")", 3, {v4095, v904, "b"}},
-      {R"("quoted, with commas, past sixteen bytes",x)", 2,
+      {R"("quoted, with commas, past sixteen bytes",x)",
+       2,
        {"quoted, with commas, past sixteen bytes", "x"}},
       // A doubled quote fills the value; the byte after it is the separator.
       {'"' + std::string(4094, 'v') + R"(""x",y)", 2, {std::string(4094, 'v') + '"', ",y"}},
