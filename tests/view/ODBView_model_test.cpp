@@ -37,8 +37,8 @@ class ModelRun {
 
   void run(int steps) {
     grow(40);
-    for (auto [base, all] : std::initializer_list<std::pair<int, bool>>{
-             {-1, true}, {-1, false}, {0, true}, {2, true}})
+    for (auto [base, all] :
+         std::initializer_list<std::pair<int, bool>>{{-1, true}, {-1, false}, {0, true}, {2, true}})
       addView(base, all);
     for (int step = 0; step < steps && !::testing::Test::HasFailure(); ++step) {
       last_.clear();
@@ -224,12 +224,14 @@ class ModelRun {
         rep.sort(direction, 0);
         std::vector<std::pair<std::string, std::pair<int64_t, uint8_t>>> keyed;
         for (int i = 0; i < count; ++i)
-          keyed.push_back({"id" + std::to_string(ids_[tableRow(v, i)]), {views_[v].rows[i], views_[v].tags[i]}});
+          keyed.push_back({"id" + std::to_string(ids_[tableRow(v, i)]),
+                           {views_[v].rows[i], views_[v].tags[i]}});
         std::sort(keyed.begin(), keyed.end(), [&](const auto& a, const auto& b) {
           return direction > 0 ? strxcmp(a.first.c_str(), b.first.c_str()) < 0
                                : strcasecmp(a.first.c_str(), b.first.c_str()) > 0;
         });
-        for (int i = 0; i < count; ++i) std::tie(views_[v].rows[i], views_[v].tags[i]) = keyed[i].second;
+        for (int i = 0; i < count; ++i)
+          std::tie(views_[v].rows[i], views_[v].tags[i]) = keyed[i].second;
         return;
       }
       case 11:  // stack a new view on this one
@@ -259,7 +261,8 @@ class ModelRun {
           for (int64_t r = 0; r < rowsOf(views_[v].base); ++r) copied.push_back(r);
         }
         addView(views_[v].base, false, rep.copy(), copied);
-        std::copy_n(views_[v].tags.begin(), std::min(copied.size(), views_[v].tags.size()), views_.back().tags.begin());
+        std::copy_n(views_[v].tags.begin(), std::min(copied.size(), views_[v].tags.size()),
+                    views_.back().tags.begin());
         return;
       }
       case 14:  // show everything again (the old rows are announced as removed)

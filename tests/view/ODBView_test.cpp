@@ -1,6 +1,7 @@
 // The view core: rows through stacked views, lifetimes, copies, selection,
-// edits, field specs and cursors. The index policy is checked in
-// ODBView_bulk_test.cpp, random edits in ODBView_model_test.cpp.
+// edits, field specs and cursors. Bulk handling is checked against the
+// literal steps in ODBView_bulk_test.cpp, random edits in
+// ODBView_model_test.cpp.
 
 #include <gmock/gmock.h>
 #include <zyldb/platform/Logging.h>
@@ -67,6 +68,17 @@ TEST(ODBViewTest, Lifetime) {
   a->displayAllRecords();
   b = ODBView(a->newTagSubview());
   table.reset();
+}
+
+TEST(ODBViewTest, IndexGrowsByDoublingAndShrinksByHalvingOnce) {
+  auto table = makeTable(3);
+  ODBView v(new ODBViewRep(table.get()));
+  EXPECT_EQ(v->indexCapacity(), 0);
+  const std::pair<int, int> steps[] = {{5, 20}, {21, 40}, {100, 100}, {30, 50}, {30, 50}, {0, 0}};
+  for (auto [n, capacity] : steps) {
+    v->sizeIndexFor(n);
+    EXPECT_EQ(v->indexCapacity(), capacity) << "sizeIndexFor(" << n << ")";
+  }
 }
 
 TEST(ODBViewTest, UnimplementedConditionAndOrderReportThemselves) {
@@ -136,7 +148,6 @@ TEST(ODBViewTest, RowsByIdentifier) {
   for (const Cookie& c : {ids[3], Cookie::make('C'), ids[2]}) wanted.push_back(c);
   EXPECT_EQ(v->displayRecordsAt(wanted, 1), 2);
   EXPECT_THAT(names(*v.rep()), ElementsAre("r0", "r3", "r2", "r1"));
-
 }
 
 TEST(ODBViewTest, TableDeletionReachesStackedViewsWithExactMessages) {
@@ -160,8 +171,8 @@ TEST(ODBViewTest, InsertBlankRecordsAndRefusedDeletions) {
   v->set_tag(1u, 1);
   v->insertBlankRecords(1, 2);  // before table row 3
   EXPECT_THAT(names(*v.rep()), ElementsAre("r1", "", "", "r3"));
-  EXPECT_EQ(v->get_tag(3u), 1);  // moved with its row
-  EXPECT_EQ(v->get_tag(1u), 1);  // the new row kept the tag left in its slot
+  EXPECT_EQ(v->get_tag(3u), 1);                        // moved with its row
+  EXPECT_EQ(v->get_tag(1u), 1);                        // the new row kept the tag left in its slot
   v->insertBlankRecords(v->get_num_records() + 5, 2);  // past the end: appended
   EXPECT_EQ(v->baseIndex(5), 8);
 
@@ -233,7 +244,6 @@ TEST(ODBViewCursorTest, SteppingAndFinding) {
     ODBViewCursor s{view, 2, 0};
     EXPECT_EQ(s.findFieldSorted("Reel", value) + s.index, -2) << value;
   }
-
 }
 
 }  // namespace
