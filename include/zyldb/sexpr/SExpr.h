@@ -93,7 +93,7 @@ class ZYLDB_EXPORT SExprRef : public SExprElt {
  private:
   uint32_t field_;
   ODBBase* source_;
-  void* reserved_ = nullptr;
+  [[maybe_unused]] void* reserved_ = nullptr;  // always null
 };
 
 // An operator element; it prints "op " (with the trailing blank).
