@@ -313,22 +313,27 @@ dbrecord* zyldb::get_record(unsigned int row) const {
   return row < numRecords ? rows[row] : nullptr;
 }
 
+namespace {
+
+// The index of `rec` among the first n entries of `slots`, or all bits set.
+unsigned int indexOfRecord(dbrecord* const* slots, unsigned int n, const dbrecord* rec) {
+  for (unsigned int i = 0; i < n; ++i)
+    if (slots[i] == rec) return i;
+  return static_cast<unsigned int>(-1);
+}
+
+}  // namespace
+
 unsigned int zyldb::get_raw_row(unsigned int visibleRow) {
   if (showTagsOnly == 0) return visibleRow;
   if (visibleRow >= numTagged || numRecords == 0) return static_cast<unsigned int>(-1);
-  const dbrecord* rec = tagIndex[visibleRow];
-  for (unsigned int i = 0; i < numRecords; ++i)
-    if (rows[i] == rec) return i;
-  return static_cast<unsigned int>(-1);
+  return indexOfRecord(rows, numRecords, tagIndex[visibleRow]);
 }
 
 unsigned int zyldb::get_new_row(unsigned int rawRow) {
   if (showTagsOnly == 0) return rawRow;
   if (rawRow >= numRecords || numTagged == 0) return static_cast<unsigned int>(-1);
-  const dbrecord* rec = rows[rawRow];
-  for (unsigned int i = 0; i < numTagged; ++i)
-    if (tagIndex[i] == rec) return i;
-  return static_cast<unsigned int>(-1);
+  return indexOfRecord(tagIndex, numTagged, rows[rawRow]);
 }
 
 dbrecord* zyldb::make_dummy_record() {

@@ -526,26 +526,40 @@ void ODBViewRep::deleteRecords(int at, int n) {
   }
 }
 
-int ODBViewRep::deleteTagged() {
-  if (count_ == 0) return 0;
+namespace {
+
+// Scans rows upward and calls drop(start, n) for every run of rows for which
+// inRun(row) holds; `count` is read again at every step, since a drop shrinks
+// the view. After a drop the scan goes on at start + 1: the row that ended the
+// run now stands at `start`. Returns the number of rows dropped.
+template <class Count, class InRun, class Drop>
+int dropRuns(Count count, InRun inRun, Drop drop) {
   int total = 0;
   int start = -1;
-  for (int row = 0; row < count_; ++row) {
-    if (index_[row].tag) {
+  for (int row = 0; row < count(); ++row) {
+    if (inRun(row)) {
       if (start < 0) start = row;
     } else if (start >= 0) {
-      deleteRecords(start, row - start);
+      drop(start, row - start);
       total += row - start;
-      row = start;  // the untagged row now stands at `start`
+      row = start;
       start = -1;
     }
   }
   if (start >= 0) {
-    const int n = count_ - start;
-    deleteRecords(start, n);
+    const int n = count() - start;
+    drop(start, n);
     total += n;
   }
   return total;
+}
+
+}  // namespace
+
+int ODBViewRep::deleteTagged() {
+  if (count_ == 0) return 0;
+  return dropRuns([this] { return count_; }, [this](int row) { return index_[row].tag != 0; },
+                  [this](int at, int n) { deleteRecords(at, n); });
 }
 
 void ODBViewRep::remove(int at, int n) {
@@ -589,24 +603,8 @@ void ODBViewRep::removeRecordsFromBaseView(int at, int n) {
 int ODBViewRep::removeSome(bool (ODBViewRep::*pred)(int)) {
   if (count_ == 0 || !pred) return 0;
   if (!baseView_ && table_) return zyl::ODBViewInternal::removeRuns(*this, pred);
-  int total = 0;
-  int start = -1;
-  for (int row = 0; row < count_; ++row) {
-    if ((this->*pred)(row)) {
-      if (start < 0) start = row;
-    } else if (start >= 0) {
-      removeRecordsFromBaseView(start, row - start);
-      total += row - start;
-      row = start;
-      start = -1;
-    }
-  }
-  if (start >= 0) {
-    const int n = count_ - start;
-    removeRecordsFromBaseView(start, n);
-    total += n;
-  }
-  return total;
+  return dropRuns([this] { return count_; }, [this, pred](int row) { return (this->*pred)(row); },
+                  [this](int at, int n) { removeRecordsFromBaseView(at, n); });
 }
 
 int ODBViewRep::removeTagged() { return removeSome(&ODBViewRep::tag); }
