@@ -6,7 +6,7 @@ set -euo pipefail
 need=()
 have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
 for pkg in cmake ninja-build g++ clang clang-format libclang-rt-14-dev googletest libgtest-dev \
-           libbenchmark-dev libsqlite3-dev python3 pkg-config; do
+           libbenchmark-dev libsqlite3-dev python3 pkg-config ccache; do
   have_pkg "$pkg" || need+=("$pkg")
 done
 
