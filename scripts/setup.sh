@@ -6,7 +6,9 @@ set -euo pipefail
 need=()
 have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
 for pkg in cmake ninja-build g++ clang clang-format libclang-rt-14-dev googletest libgtest-dev \
-           libbenchmark-dev libsqlite3-dev python3 pkg-config ccache; do
+           libbenchmark-dev libsqlite3-dev python3 pkg-config ccache clang-tidy \
+           nlohmann-json3-dev pybind11-dev python3-pybind11 python3-dev python3-pytest \
+           python3-numpy python3-pandas python3-pip python3-setuptools python3-wheel; do
   have_pkg "$pkg" || need+=("$pkg")
 done
 
