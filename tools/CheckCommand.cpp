@@ -1,5 +1,6 @@
 // zyldb check: tells whether logs load cleanly, and if not, why.
 
+#include <filesystem>
 #include <iostream>
 
 #include "Common.h"
@@ -8,13 +9,34 @@ namespace zyl::cli {
 
 namespace {
 
+// Temporary files left beside `path` by a save that did not finish
+// ("NAME.zyltmp.*"), by the library or by this tool.
+std::vector<std::string> strayTemporaries(const std::string& path) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> found;
+  fs::path p(path);
+  std::string prefix = p.filename().string() + ".zyltmp.";
+  std::error_code ec;
+  fs::path dir = p.has_parent_path() ? p.parent_path() : fs::path(".");
+  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+    std::string name = it->path().filename().string();
+    if (name.compare(0, prefix.size(), prefix) == 0) found.push_back(name);
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
 int runCheck(const ParsedArgs& args) {
   if (args.positional.empty()) throw UsageError("missing LOG");
   int status = 0;
   for (const std::string& path : args.positional) {
     OpenLog log = openLog(path);
+    if (path != "-")
+      for (const std::string& temp : strayTemporaries(path))
+        log.problems.push_back({0, "a save that did not finish left \"" + temp +
+                                       "\" beside it; remove it once no save is running"});
     if (log.problems.empty()) {
-      std::cout << path << ": ok, "
+      std::cout << log.shownName() << ": ok, "
                 << plural(static_cast<long>(log.table->get_num_records()), "record", "records")
                 << " in "
                 << plural(static_cast<long>(log.table->get_num_fields()), "column", "columns")
@@ -34,7 +56,9 @@ Command checkCommand() {
            "LOG...",
            "check that logs load cleanly",
            "Checks that each log loads cleanly. Prints \"ok\" with the counts for a good file; "
-           "for a bad one says on stderr what is wrong and on which line.",
+           "for a bad one says on stderr what is wrong and on which line. A byte-order mark at "
+           "the start and temporary files left beside a log by an unfinished save are named "
+           "too. Each file is read once.",
            {},
            "Exit status: 0 when every file loads cleanly, 1 when any does not, 2 on a usage "
            "error.\n"},
