@@ -10,6 +10,7 @@
 #include <zyldb/db/zyldb.h>
 #include <zyldb/export.h>
 #include <zyldb/fieldmap/FieldMap.h>
+#include <zyldb/interchange/Interchange.h>
 #include <zyldb/platform/AssocList.h>
 #include <zyldb/platform/Cookie.h>
 #include <zyldb/platform/CriticalSection.h>
