@@ -5,6 +5,7 @@
 
 #include <zyldb/container/QMContainerFile.h>
 #include <zyldb/db/DBFieldTypes.h>
+#include <zyldb/db/LoadError.h>
 #include <zyldb/db/ODBBase.h>
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/db/zyldb.h>
