@@ -140,13 +140,16 @@ ZYLDB_EXPORT std::unique_ptr<zyldb> readTsv(std::string_view text, Error* err);
 // ALE: an optional "Heading" section of KEY<tab>VALUE lines, a "Column"
 // section with one line of tab-separated column names and a "Data" section of
 // tab-separated rows; section words ignore case, blank lines are skipped.
-// Values and heading entries are decoded as TSV's are. Columns are renamed
-// and typed by the mapping of docs/FORMATS.md (Tape -> "Reel", Start ->
-// "Start time" typed timecode, ...); unknown columns are kept as text
-// columns. Every heading entry but FIELD_DELIM becomes a table parameter
-// (FPS, VIDEO_FORMAT, AUDIO_FORMAT, ...). Errors: FIELD_DELIM other than
-// TABS, a missing Column or Data section, a row with more non-empty values
-// than columns, more heading entries than a table holds parameters.
+// Bytes are taken literally (ALE has no escapes), unless the heading holds
+// the entry ESCAPES<tab>BACKSLASH that writeAle adds when it must: then
+// names, values and heading entries are decoded as TSV's are. Columns are
+// renamed and typed by the mapping of docs/FORMATS.md (Tape -> "Reel",
+// Start -> "Start time" typed timecode, ...); unknown columns are kept as
+// text columns. A row with fewer values than columns is padded with empty
+// ones. Every heading entry but FIELD_DELIM and ESCAPES becomes a table
+// parameter (FPS, VIDEO_FORMAT, AUDIO_FORMAT, ...). Errors: FIELD_DELIM other
+// than TABS, a missing Column or Data section, a row with more non-empty
+// values than columns, more heading entries than a table holds parameters.
 ZYLDB_EXPORT std::unique_ptr<zyldb> readAle(std::string_view text, Error* err);
 
 // ---- Writers --------------------------------------------------------------------
@@ -173,11 +176,14 @@ ZYLDB_EXPORT bool writeTsv(const ODBBase& rows, const TsvOptions& options, const
 
 // ALE: Heading (FIELD_DELIM TABS, VIDEO_FORMAT, AUDIO_FORMAT, FPS, then the
 // table's other parameters except "ZYLDB"), Column (names mapped back to
-// ALE's, "Reel" -> Tape, ...) and Data. Tab, LF and CR in values are written
-// as "\t", "\n", "\r", and a backslash as "\\" only where it would otherwise
-// read as one of those escapes (so "C:\clips" stays as it is). Timecodes are
-// written as stored. Fails for a column without a name (ALE cannot carry one)
-// and for a failing sink.
+// ALE's, "Reel" -> Tape, ...) and Data, one line per visible row. Timecodes
+// are written as stored. ALE cannot hold a tab, LF or CR in a value: when
+// any name, value or parameter holds one, the heading declares ESCAPES
+// BACKSLASH and everything is escaped as TSV does (readAle undoes it; other
+// programs show the escapes as text). Otherwise every byte is written as it
+// is. Reads the rows twice (once to look for those bytes). Fails for a table
+// without columns, a column whose name is empty or blank (ALE cannot carry
+// one) and a failing sink.
 ZYLDB_EXPORT bool writeAle(const ODBBase& rows, const AleOptions& options, const Sink& sink,
                            Error* err);
 
