@@ -51,7 +51,7 @@ bool lessIgnoringCase(string_view a, string_view b) {
 }
 
 std::string twoDigits(int n) {
-  char buf[8];
+  char buf[16];
   std::snprintf(buf, sizeof buf, "%02d", n);
   return buf;
 }
@@ -664,6 +664,16 @@ void Auditor::checkTimecodes(Track track, int startCol, int endCol,
 void Auditor::checkReels(Track track, std::vector<Placed>& clips,
                          const std::vector<string_view>& reels, const Rate& rate, int startCol,
                          int endCol) {
+  // Reels are numbered in order of appearance; number them by name instead,
+  // so that timelines come out by reel.
+  std::vector<uint32_t> order(reels.size()), rank(reels.size());
+  for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::sort(order.begin(), order.end(),
+            [&](uint32_t a, uint32_t b) { return reels[a] < reels[b]; });
+  for (uint32_t i = 0; i < order.size(); ++i) rank[order[i]] = i;
+  for (Placed& c : clips) c.reel = rank[c.reel];
+  std::vector<string_view> byName(reels.size());
+  for (uint32_t i = 0; i < order.size(); ++i) byName[i] = reels[order[i]];
   std::sort(clips.begin(), clips.end(), [](const Placed& a, const Placed& b) {
     if (a.reel != b.reel) return a.reel < b.reel;
     if (a.start != b.start) return a.start < b.start;
@@ -679,12 +689,21 @@ void Auditor::checkReels(Track track, std::vector<Placed>& clips,
   size_t furthest = 0;
   for (size_t i = 0; i < clips.size(); ++i) {
     const Placed& c = clips[i];
+    if (opt_.keepTimelines) {
+      if (i == 0 || clips[i - 1].reel != c.reel) {
+        Timeline& t = rep_.timelines.emplace_back();
+        t.reel = std::string(byName[c.reel]);
+        t.track = track;
+        t.timebase = rate.timebase;
+      }
+      rep_.timelines.back().clips.push_back({c.row, c.start, c.end, clipName(c.row)});
+    }
     if (i == 0 || clips[i - 1].reel != c.reel) {
       furthest = i;
       continue;
     }
     const Placed& f = clips[furthest];
-    std::string reel(reels[c.reel]);
+    std::string reel(byName[c.reel]);
     if (c.start < f.end) {
       int64_t by = std::min(f.end, c.end) - c.start;
       Finding& x = add(Kind::Overlap, Severity::Error, track, {f.row, c.row});

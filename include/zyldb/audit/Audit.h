@@ -116,6 +116,21 @@ struct Rate {
   std::string how;
 };
 
+// A clip placed on a reel's timeline.
+struct Placement {
+  long row = -1;               // the source row
+  int64_t start = 0, end = 0;  // frames at the timeline's rate; end is the first frame after
+  std::string name;            // the clip's name ("row N" when it has none)
+};
+
+// The clips of one reel with good, ordered timecodes, by start.
+struct Timeline {
+  std::string reel;
+  Track track = Track::Picture;
+  int timebase = 0;  // of the rate the frames count at
+  std::vector<Placement> clips;
+};
+
 struct Options {
   // The picture rate: "23.976", "24", "25", "29.97", "30", "50", "59.94",
   // "60" (a "DF"/"NDF" suffix and blanks are allowed and ignored). Empty:
@@ -143,6 +158,8 @@ struct Options {
   // table did not come from a file. Looked up by the row of the table that
   // each source row stands for.
   std::vector<long> tableRowLines;
+  // Fill Report::timelines (a copy of every placed clip's name and range).
+  bool keepTimelines = false;
 };
 
 struct Report {
@@ -154,6 +171,8 @@ struct Report {
   // What could not be checked and why ("no Reel column: overlaps and gaps
   // are not checked").
   std::vector<std::string> notes;
+  // With Options::keepTimelines: picture reels by name, then sound reels.
+  std::vector<Timeline> timelines;
   long rows = 0;
   long errors = 0, warnings = 0, infos = 0;
 };
