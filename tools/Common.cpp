@@ -5,7 +5,6 @@
 #include <cctype>
 #include <cstdlib>
 #include <iostream>
-#include <map>
 #include <memory>
 
 namespace zyl::cli {
@@ -59,18 +58,10 @@ std::vector<unsigned int> allRows(const zyldb& table) {
 }
 
 std::string typeKeyword(DBFieldTypes::eType type) {
-  // The keyword the library writes in a log's types line: the column header
-  // of a one-column table, read back. The tool keeps no keyword list.
-  static std::map<DBFieldTypes::eType, std::string> cache;
-  auto it = cache.find(type);
-  if (it != cache.end()) return it->second;
-  zyldb table(std::vector<DBFieldDesc>{{"x", type}});
-  TextFile header;
-  table.save_column_header(header, false);
-  dbrecord types;
-  header.currentLine = 2;  // after the terminator and widths lines
-  std::string keyword = types.read(header) > 0 && types.get_field(0) ? types.get_field(0) : "";
-  return cache.emplace(type, keyword).first->second;
+  // The library's written keyword, else the one-character code it writes.
+  if (const char* keyword = zyldb_fieldtype_to_string(type)) return keyword;
+  if (type == DBFieldTypes::none) return "none";
+  return std::string(1, static_cast<char>(type));
 }
 
 std::vector<int> allColumns(const ODBBase& source) {

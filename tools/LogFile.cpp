@@ -38,19 +38,17 @@ const wchar_t kStdinCsvName[] = L"-.csv";
 
 const char kByteOrderMark[] = "\xEF\xBB\xBF";
 
-// Collects the library's log messages while it lives, instead of letting
-// them reach stderr: the tool explains problems in its own words.
-class LogCapture {
+// Keeps the library's log messages off stderr while it lives: every
+// condition of a load they report is explained by the tool from the
+// table's error record and the header, in a person's words.
+class QuietLibrary {
  public:
-  LogCapture() {
-    previous_ = zyl::setLogSink(
-        [this](zyl::LogLevel, const char* message) { messages.push_back(message ? message : ""); });
+  QuietLibrary() {
+    previous_ = zyl::setLogSink([](zyl::LogLevel, const char*) {});
   }
-  ~LogCapture() { zyl::setLogSink(previous_); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  std::vector<std::string> messages;
+  ~QuietLibrary() { zyl::setLogSink(previous_); }
+  QuietLibrary(const QuietLibrary&) = delete;
+  QuietLibrary& operator=(const QuietLibrary&) = delete;
 
  private:
   zyl::LogSink previous_;
@@ -257,7 +255,7 @@ void diagnoseCsv(OpenLog& log, const ReadNotes& notes) {
                                    " the wrong number of values"});
 }
 
-void diagnoseLog(OpenLog& log, const ReadNotes& notes, const std::vector<std::string>& messages) {
+void diagnoseLog(OpenLog& log, const ReadNotes& notes) {
   zyldb& table = *log.table;
   TextFile header;
   for (const std::string& line : notes.header) header.appendLine(std::string_view(line));
@@ -288,12 +286,14 @@ void diagnoseLog(OpenLog& log, const ReadNotes& notes, const std::vector<std::st
           {0,
            "the header never ends: no \"ZYLDB\" line follows its parameter lines, so the file "
            "has no column header"});
-    } else if (hasError && e.code == 3 && e.detail == 3) {
+    } else if (hasError && e.code == DBLoadError::columnHeader &&
+               e.detail == DBLoadError::typesLine) {
       log.problems.push_back({static_cast<int>(typesLine) + 1,
                               "the types line has " + plural(typeCount, "field", "fields") +
                                   ", the widths line has " + std::to_string(widthCount) +
                                   "; they must have one per column"});
-    } else if (hasError && e.code == 3 && e.detail == 4) {
+    } else if (hasError && e.code == DBLoadError::columnHeader &&
+               e.detail == DBLoadError::namesLine) {
       log.problems.push_back({static_cast<int>(namesLine) + 1,
                               "the names line has " + plural(nameCount, "field", "fields") +
                                   ", the log has " + plural(widthCount, "column", "columns")});
@@ -326,9 +326,7 @@ void diagnoseLog(OpenLog& log, const ReadNotes& notes, const std::vector<std::st
   }
 
   unsigned int rows = table.getNumRawRecords();
-  bool explainedStop = false;
-  if (hasError && e.code == 1) {
-    explainedStop = true;
+  if (hasError && e.code == DBLoadError::rowFieldCount) {
     unsigned int bad = namesLine + 1 + static_cast<unsigned int>(e.detail);
     std::optional<std::string> line = lineOnDemand(log.path, notes, bad);
     std::string count =
@@ -344,7 +342,6 @@ void diagnoseLog(OpenLog& log, const ReadNotes& notes, const std::vector<std::st
     uint32_t after = namesLine + 1 + rows;
     for (auto [index, nonBlankBefore] : notes.blanks) {
       if (index != after) continue;
-      explainedStop = true;
       uint64_t ignored = notes.nonBlankLines - nonBlankBefore;
       if (ignored > 0) {
         log.problems.push_back({static_cast<int>(after) + 1,
@@ -354,17 +351,6 @@ void diagnoseLog(OpenLog& log, const ReadNotes& notes, const std::vector<std::st
         log.incomplete = true;
       }
     }
-  }
-
-  // The library's own messages on a load are about the stops explained
-  // above; any other one is passed on.
-  for (const std::string& m : messages) {
-    if (explainedStop && m.find("add_text") != std::string::npos) continue;
-    if (m.find("revision") != std::string::npos && table.getRevision() != 1) continue;
-    if (m.find("no more lines") != std::string::npos) continue;
-    std::string text = m;
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    log.problems.push_back({0, "the library says: " + text});
   }
 }
 
@@ -562,7 +548,7 @@ OpenLog openLog(const std::string& path, const OpenOptions& options) {
   if (name.view().empty())
     return fail(0, "comma-separated input needs a name ending in \".csv\" (or use stdin: -)");
 
-  LogCapture capture;
+  QuietLibrary quiet;
   {
     WatchingService watch(notes, csv, isStdin ? &stdinBytes : nullptr);
     int maxRows = options.maxRows >= 0 && options.maxRows < INT_MAX
@@ -618,7 +604,7 @@ OpenLog openLog(const std::string& path, const OpenOptions& options) {
       return fail(1, text);
     }
   }
-  diagnoseLog(log, notes, capture.messages);
+  diagnoseLog(log, notes);
   return log;
 }
 
