@@ -9,21 +9,12 @@ namespace zyl::cli {
 
 namespace {
 
-// Temporary files left beside `path` by a save that did not finish
-// ("NAME.zyltmp.*"), by the library or by this tool.
+// The names of the temporary files that unfinished saves left beside `path`.
 std::vector<std::string> strayTemporaries(const std::string& path) {
-  namespace fs = std::filesystem;
-  std::vector<std::string> found;
-  fs::path p(path);
-  std::string prefix = p.filename().string() + ".zyltmp.";
-  std::error_code ec;
-  fs::path dir = p.has_parent_path() ? p.parent_path() : fs::path(".");
-  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
-    std::string name = it->path().filename().string();
-    if (name.compare(0, prefix.size(), prefix) == 0) found.push_back(name);
-  }
-  std::sort(found.begin(), found.end());
-  return found;
+  std::vector<std::string> names;
+  for (const LightweightString<wchar_t>& temp : TextFile::strayTemporaries(widePath(path)))
+    names.push_back(std::filesystem::path(toUTF8(temp).toStdString()).filename().string());
+  return names;
 }
 
 int runCheck(const ParsedArgs& args) {

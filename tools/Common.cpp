@@ -70,18 +70,11 @@ std::vector<int> allColumns(const ODBBase& source) {
   return columns;
 }
 
-void emitRows(const std::string& command, const RowSource& source, const std::string& out,
-              const std::string& formatOption) {
+void emitRows(const RowSource& source, const std::string& out, const std::string& formatOption) {
   Format format = outputFormat(out, formatOption);
   Sink sink(out);
-  size_t quoted = writeRows(format, source, sink);
-  bool toStdout = sink.isStdout();
+  writeRows(format, source, sink);
   sink.commit();
-  if (quoted > 0 && format == Format::csv && !toStdout)
-    std::cerr << "zyldb " << command << ": "
-              << plural(static_cast<long>(quoted), "value holds", "values hold")
-              << " a comma, quote or line break and " << (quoted == 1 ? "is" : "are")
-              << " quoted; this library's .csv reader does not undo the quoting\n";
 }
 
 }  // namespace zyl::cli

@@ -86,10 +86,8 @@ std::string typeKeyword(DBFieldTypes::eType type);
 
 // Writes `source` to `out` ("-" or empty: stdout) in the format --format
 // names (`formatOption`, empty when not given) or the extension gives, row
-// by row; a file is replaced in one step. Reports on stderr when values had
-// to be quoted. Throws UsageError for an unknown format, Failure when the
-// output cannot be written.
-void emitRows(const std::string& command, const RowSource& source, const std::string& out,
-              const std::string& formatOption);
+// by row; a file is replaced in one step. Throws UsageError for an unknown
+// format, Failure when the output cannot be written.
+void emitRows(const RowSource& source, const std::string& out, const std::string& formatOption);
 
 }  // namespace zyl::cli

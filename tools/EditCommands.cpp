@@ -29,22 +29,20 @@ void reportWritten(const std::string& command, const std::string& out, size_t ro
             << " to " << out << "\n";
 }
 
-// The rows of `table` to write, with every column; the "Tag" column shows
-// each row's tag as 0 or 1, as a view of the rows saves it.
+// The rows of `table` to write, with every column.
 RowSource sourceOf(zyldb& table, const std::vector<unsigned int>& rows) {
   RowSource source;
   source.table = &table;
   source.columns = allColumns(table);
   source.rows = &rows;
   source.params = tableParams(table);
-  source.tagOf = [&table, &rows](size_t i) { return tagColumnSays(table, rows[i]); };
   return source;
 }
 
 // Writes the rows to -o (stdout by default) and reports it.
 void writeResult(const std::string& command, const ParsedArgs& args, const RowSource& source) {
   std::string out = args.get("output");
-  emitRows(command, source, out, args.get("format"));
+  emitRows(source, out, args.get("format"));
   reportWritten(command, out, source.size());
 }
 
@@ -78,12 +76,13 @@ int runFind(const ParsedArgs& args) {
     // Every row, tagged when it matches; the tags are saved in a "Tag"
     // column, added when the log has none.
     table.addField(DBFieldDesc{"Tag", DBFieldTypes::numeric});
-    std::vector<char> hit(total, 0);
-    for (unsigned int r : matches) hit[r] = 1;
+    unsigned int tagColumn =
+        static_cast<unsigned int>(table.get_fieldnum(LightweightString<char>("Tag")));
+    LightweightString<char> no("0"), yes("1");
+    for (unsigned int r = 0; r < total; ++r) table.setField(r, tagColumn, no);
+    for (unsigned int r : matches) table.setField(r, tagColumn, yes);
     std::vector<unsigned int> rows = allRows(table);
-    RowSource source = sourceOf(table, rows);
-    source.tagOf = [&hit](size_t i) { return hit[i] != 0; };
-    writeResult("find", args, source);
+    writeResult("find", args, sourceOf(table, rows));
   } else {
     writeResult("find", args, sourceOf(table, matches));
   }
@@ -108,7 +107,7 @@ int runDedupe(const ParsedArgs& args) {
     std::string value = table.getField(r, static_cast<unsigned int>(columns[0])).toStdString();
     if (seen.insert(foldText(value, fold)).second) keep.push_back(r);
   }
-  emitRows("dedupe", sourceOf(table, keep), args.get("output"), args.get("format"));
+  emitRows(sourceOf(table, keep), args.get("output"), args.get("format"));
   std::cerr << "zyldb dedupe: kept " << keep.size() << " of "
             << plural(static_cast<long>(table.get_num_records()), "row", "rows") << ", one per "
             << table.get_fieldname(columns[0]) << " value\n";
@@ -213,7 +212,7 @@ int runMerge(const ParsedArgs& args) {
   unsigned int before = table.get_num_records();
   table.merge_all_matching(&source);
   std::vector<unsigned int> rows = allRows(table);
-  emitRows("merge", sourceOf(table, rows), args.get("output"), args.get("format"));
+  emitRows(sourceOf(table, rows), args.get("output"), args.get("format"));
   std::cerr << "zyldb merge: appended "
             << plural(static_cast<long>(table.get_num_records() - before), "row", "rows") << " of "
             << other.shownName() << " by column name; " << plan.matched.size() << " of its "
@@ -242,7 +241,7 @@ int runConvert(const ParsedArgs& args) {
   outputFormat(out, args.get("format"));
   OpenLog log = requireLog(args.positional[0], true);
   std::vector<unsigned int> rows = allRows(*log.table);
-  emitRows("convert", sourceOf(*log.table, rows), out, args.get("format"));
+  emitRows(sourceOf(*log.table, rows), out, args.get("format"));
   reportWritten("convert", out, rows.size());
   return 0;
 }

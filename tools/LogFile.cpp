@@ -3,6 +3,7 @@
 #include <strings.h>
 #include <unistd.h>
 #include <zyldb/db/dbrecord.h>
+#include <zyldb/interchange/Interchange.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,9 +11,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "Output.h"
+#include "Progress.h"
 
 namespace zyl::cli {
 
@@ -29,12 +32,8 @@ constexpr size_t kHeaderBytes = 1 << 20;
 constexpr uint32_t kCheckpointLines = 4096;
 // Blank lines whose positions are remembered.
 constexpr size_t kBlankLinesKept = 64;
-// More comma-separated lines of the wrong width than this are summed up in
-// one message instead of one each.
-constexpr int kMaxLineProblems = 10;
 // The name the library is given for stdin; the watching service serves it.
 const wchar_t kStdinName[] = L"-";
-const wchar_t kStdinCsvName[] = L"-.csv";
 
 const char kByteOrderMark[] = "\xEF\xBB\xBF";
 
@@ -109,11 +108,6 @@ struct ReadNotes {
   std::vector<std::pair<uint32_t, uint64_t>> blanks;
   // Byte offset of line i * kCheckpointLines.
   std::vector<uint64_t> checkpoints;
-  // Comma-separated input: the number of values of each line whose count
-  // differs from the first line's, up to a few, and how many more there are.
-  std::vector<std::pair<uint32_t, size_t>> raggedLines;
-  int moreRagged = 0;
-  size_t csvColumns = 0;
 };
 
 // The file service in force while the tool loads an input: forwards every
@@ -122,8 +116,8 @@ struct ReadNotes {
 // never read a second time.
 class WatchingService : public zyl::FileService {
  public:
-  WatchingService(ReadNotes& notes, bool csv, std::string* stdinBytes)
-      : notes_(notes), csv_(csv), stdinBytes_(stdinBytes) {
+  WatchingService(ReadNotes& notes, std::string* stdinBytes)
+      : notes_(notes), stdinBytes_(stdinBytes) {
     inner_ = OS()->setFileService(this);
   }
   ~WatchingService() override { OS()->setFileService(inner_); }
@@ -131,8 +125,7 @@ class WatchingService : public zyl::FileService {
   WatchingService& operator=(const WatchingService&) = delete;
 
   bool readFile(const LightweightString<wchar_t>& path, std::string* out) override {
-    bool isStdin =
-        stdinBytes_ != nullptr && (path.view() == kStdinName || path.view() == kStdinCsvName);
+    bool isStdin = stdinBytes_ != nullptr && path.view() == kStdinName;
     if (isStdin) {
       *out = std::move(*stdinBytes_);
     } else if (!inner_->readFile(path, out)) {
@@ -189,26 +182,11 @@ class WatchingService : public zyl::FileService {
       } else {
         ++notes_.nonBlankLines;
       }
-      if (csv_) noteCsvLine(index, line);
       start = end + 1;
     }
   }
 
-  void noteCsvLine(uint32_t index, std::string_view line) {
-    size_t values = Qm::splitIf(LightweightString<char>(line), ',', 2).size();
-    if (index == 0) {
-      notes_.csvColumns = values;
-      return;
-    }
-    if (values == 0 || values == notes_.csvColumns) return;
-    if (notes_.raggedLines.size() < static_cast<size_t>(kMaxLineProblems))
-      notes_.raggedLines.emplace_back(index, values);
-    else
-      ++notes_.moreRagged;
-  }
-
   ReadNotes& notes_;
-  bool csv_;
   std::string* stdinBytes_;
   zyl::FileService* inner_;
 };
@@ -233,26 +211,6 @@ int fieldCount(std::string_view line) {
   file.appendLine(line);
   dbrecord record;
   return record.read(file) > 0 ? static_cast<int>(record.get_num_fields()) : 0;
-}
-
-void diagnoseCsv(OpenLog& log, const ReadNotes& notes) {
-  if (notes.lines > 0 && notes.csvColumns == 0) {
-    log.problems.push_back({1, "the first line is blank, so the file has no column names"});
-    return;
-  }
-  size_t columns = notes.csvColumns;
-  for (auto [index, values] : notes.raggedLines) {
-    log.incomplete = true;
-    std::string text = "line has " + plural(static_cast<long>(values), "value", "values") +
-                       ", the file has " + plural(static_cast<long>(columns), "column", "columns");
-    text += values > columns
-                ? "; the values after the " + ordinal(static_cast<long>(columns)) + " are dropped"
-                : "; the missing values are left empty";
-    log.problems.push_back({static_cast<int>(index) + 1, text});
-  }
-  if (notes.moreRagged > 0)
-    log.problems.push_back({0, plural(notes.moreRagged, "more line has", "more lines have") +
-                                   " the wrong number of values"});
 }
 
 void diagnoseLog(OpenLog& log, const ReadNotes& notes) {
@@ -434,37 +392,55 @@ bool readStdin(std::string& out) {
 
 }  // namespace
 
-const char* formatName(Format format) {
-  switch (format) {
-    case Format::log:
-      return "log";
-    case Format::csv:
-      return "csv";
-    case Format::tsv:
-      return "tsv";
-    case Format::ale:
-      return "ale";
-    case Format::json:
-      return "json";
-    case Format::table:
-      return "table";
-  }
-  return "log";
-}
+namespace {
 
-std::optional<Format> formatFromOption(const std::string& text) {
-  for (Format f : {Format::log, Format::csv, Format::tsv, Format::ale, Format::json, Format::table})
-    if (strcasecmp(text.c_str(), formatName(f)) == 0) return f;
+namespace ix = zyl::interchange;
+
+std::optional<Format> fromInterchange(ix::Format f) {
+  switch (f) {
+    case ix::Format::Log:
+      return Format::log;
+    case ix::Format::Csv:
+      return Format::csv;
+    case ix::Format::Tsv:
+      return Format::tsv;
+    case ix::Format::Ale:
+      return Format::ale;
+    case ix::Format::Json:
+      return Format::json;
+    case ix::Format::Unknown:
+      break;
+  }
   return std::nullopt;
 }
 
+}  // namespace
+
+const char* formatName(Format format) {
+  switch (format) {
+    case Format::log:
+      return ix::formatName(ix::Format::Log);
+    case Format::csv:
+      return ix::formatName(ix::Format::Csv);
+    case Format::tsv:
+      return ix::formatName(ix::Format::Tsv);
+    case Format::ale:
+      return ix::formatName(ix::Format::Ale);
+    case Format::json:
+      return ix::formatName(ix::Format::Json);
+    case Format::table:
+      return "table";
+  }
+  return "table";
+}
+
+std::optional<Format> formatFromOption(const std::string& text) {
+  if (strcasecmp(text.c_str(), "table") == 0) return Format::table;
+  return fromInterchange(ix::formatFromName(text));
+}
+
 std::optional<Format> formatFromExtension(const std::string& path) {
-  std::string name = std::filesystem::path(path).filename().string();
-  size_t dot = name.rfind('.');
-  if (dot == std::string::npos || dot == 0) return std::nullopt;
-  std::string ext = name.substr(dot + 1);
-  if (strcasecmp(ext.c_str(), "table") == 0) return std::nullopt;
-  return formatFromOption(ext);
+  return fromInterchange(ix::formatFromExtension(path));
 }
 
 std::string OpenLog::describe(const Problem& p) const {
@@ -518,15 +494,11 @@ OpenLog openLog(const std::string& path, const OpenOptions& options) {
     log.format = options.format ? *options.format : formatFromExtension(path).value_or(Format::log);
     if (log.format == Format::table) log.format = Format::log;
   }
-  if (log.format == Format::tsv || log.format == Format::ale)
-    return fail(0, std::string("reading ") + formatName(log.format) +
-                       " is not supported yet; convert it to CSV first");
-
   ReadNotes notes;
-  if (log.format == Format::json) {
+  if (log.format != Format::log) {
     std::string bytes;
     {
-      WatchingService watch(notes, false, isStdin ? &stdinBytes : nullptr);
+      WatchingService watch(notes, isStdin ? &stdinBytes : nullptr);
       if (!OS()->fileService().readFile(
               isStdin ? LightweightString<wchar_t>(kStdinName) : widePath(path), &bytes) &&
           !notes.binary)
@@ -534,27 +506,42 @@ OpenLog openLog(const std::string& path, const OpenOptions& options) {
     }
     log.bytes = notes.bytes;
     if (notes.binary) return fail(0, *notes.binary);
-    loadJson(log, bytes);
+    if (notes.bytes == 0) return fail(0, "the file is empty");
+    if (log.format == Format::json) {
+      loadJson(log, bytes);
+      return log;
+    }
+    ix::Error err;
+    std::unique_ptr<zyldb> table;
+    if (log.format == Format::csv)
+      table = ix::readCsv(bytes, ix::CsvOptions{}, &err);
+    else if (log.format == Format::tsv)
+      table = ix::readTsv(bytes, &err);
+    else
+      table = ix::readAle(bytes, &err);
+    if (!table) return fail(0, err.message);
+    log.table = Qm::Ptr<zyldb>(table.release());
     return log;
   }
 
-  bool csv = log.format == Format::csv;
-  // The library reads comma-separated text when the name ends in ".csv".
   LightweightString<wchar_t> name =
-      isStdin ? LightweightString<wchar_t>(csv ? kStdinCsvName : kStdinName)
-              : (csv && !(path.size() >= 4 && path.compare(path.size() - 4, 4, ".csv") == 0)
-                     ? LightweightString<wchar_t>()
-                     : widePath(path));
-  if (name.view().empty())
-    return fail(0, "comma-separated input needs a name ending in \".csv\" (or use stdin: -)");
+      isStdin ? LightweightString<wchar_t>(kStdinName) : widePath(path);
 
   QuietLibrary quiet;
   {
-    WatchingService watch(notes, csv, isStdin ? &stdinBytes : nullptr);
+    WatchingService watch(notes, isStdin ? &stdinBytes : nullptr);
     int maxRows = options.maxRows >= 0 && options.maxRows < INT_MAX
                       ? static_cast<int>(std::max<long>(options.maxRows, 1))
                       : INT_MAX;
-    log.table = Qm::Ptr<zyldb>(new zyldb(name, maxRows, true));
+    log.table = Qm::Ptr<zyldb>(new zyldb());
+    Progress progress("reading " + log.shownName(), 0, Progress::Unit::bytes);
+    log.table->setProgress([&progress](uint64_t done, uint64_t total) {
+      progress.setTotal(total);
+      progress.show(done);
+    });
+    log.table->set_filename(name);
+    log.table->loadFromFile(maxRows, true);
+    log.table->setProgress({});
   }
   log.bytes = notes.bytes;
   log.byteOrderMark = notes.byteOrderMark;
@@ -572,15 +559,6 @@ OpenLog openLog(const std::string& path, const OpenOptions& options) {
   }
   if (log.byteOrderMark)
     log.problems.push_back({1, "the file starts with a UTF-8 byte-order mark"});
-
-  if (csv) {
-    if (!log.table->get_valid()) {
-      log.table = nullptr;
-      return fail(0, "the library could not load the file");
-    }
-    diagnoseCsv(log, notes);
-    return log;
-  }
 
   // The library treats an input without a first "ZYLDB:" parameter line as
   // no log at all, silently; say what it starts with instead.

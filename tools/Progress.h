@@ -32,6 +32,11 @@ class Progress {
     draw(done, false);
   }
   void setTotal(uint64_t total) { total_ = total; }
+  // As update, for callers that report seldom (the library's load, about
+  // once per MiB): looks at the clock every time.
+  void show(uint64_t done) {
+    if (enabled_) draw(done, false);
+  }
 
   // The line for `done` of `total` after `seconds`, as drawn; for tests.
   static std::string line(const std::string& what, uint64_t done, uint64_t total, Unit unit,

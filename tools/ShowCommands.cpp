@@ -99,7 +99,7 @@ int runShow(const ParsedArgs& args) {
                 << " (see --columns, --width)\n";
     }
   } else {
-    emitRows("show", source, "-", formatName(*format));
+    emitRows(source, "-", formatName(*format));
   }
 
   if ((args.has("where") || args.has("tagged")) && matched == 0) {

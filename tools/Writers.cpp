@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zyldb/db/dbrecord.h>
+#include <zyldb/interchange/Interchange.h>
+#include <zyldb/view/ODBView.h>
 
 #include <cerrno>
 #include <csignal>
@@ -24,6 +26,7 @@ volatile sig_atomic_t gTempSet = 0;
 
 extern "C" void onInterrupt(int sig) {
   if (gTempSet != 0) ::unlink(gTempPath);
+  TextFile::removePendingTemporaries();
   std::signal(sig, SIG_DFL);
   std::raise(sig);
 }
@@ -77,14 +80,13 @@ void writeLog(const RowSource& source, Sink& sink, Progress& progress) {
   (allColumns ? table : *headerTable).save_column_header(batch, false);
   writeLines(batch, sink);
 
-  int tagColumn = source.tagColumn();
   for (size_t start = 0; start < source.size(); start += kLogBatchRows) {
     TextFile lines;
     size_t end = std::min(source.size(), start + kLogBatchRows);
     for (size_t i = start; i < end; ++i) {
       dbrecord* record = table.get_record((*source.rows)[i]);
       if (record == nullptr) continue;
-      if (allColumns && (tagColumn < 0 || !source.tagOf)) {
+      if (allColumns) {
         record->write(lines);
         continue;
       }
@@ -98,64 +100,67 @@ void writeLog(const RowSource& source, Sink& sink, Progress& progress) {
   }
 }
 
-std::string csvField(const std::string& v, char delimiter, size_t& quoted) {
-  if (v.find_first_of(std::string("\"\r\n") + delimiter) == std::string::npos) return v;
-  ++quoted;
-  std::string out = "\"";
-  for (char ch : v) {
-    if (ch == '"') out += '"';
-    out += ch;
-  }
-  return out + "\"";
-}
-
-std::string tsvField(const std::string& v, size_t& escaped) {
-  if (v.find_first_of("\t\n\r\\") == std::string::npos) return v;
-  ++escaped;
-  std::string out;
-  for (char ch : v) {
-    switch (ch) {
-      case '\t':
-        out += "\\t";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      default:
-        out += ch;
+// A table or view holding `source`'s rows and columns for the library's
+// interchange writers, which write every column of the visible rows. The
+// table itself when the source is all of it in order, a view of its rows
+// when only the rows differ, else (a choice of columns) a copy of the
+// chosen cells.
+class WritableRows {
+ public:
+  explicit WritableRows(const RowSource& source) {
+    zyldb& table = *source.table;
+    bool allColumns = source.columns == allColumns_(table);
+    bool allRows = source.size() == table.get_num_records();
+    for (size_t i = 0; allRows && i < source.size(); ++i) allRows = (*source.rows)[i] == i;
+    if (allColumns && allRows) {
+      base_ = &table;
+    } else if (allColumns) {
+      view_ = ODBView(new ODBViewRep(&table));
+      for (unsigned int r : *source.rows) view_->append(static_cast<int>(r));
+      base_ = view_.rep();
+    } else {
+      std::vector<DBFieldDesc> descs;
+      for (int c : source.columns)
+        descs.push_back({table.get_fieldname(c), table.get_field_type(c)});
+      copy_ = Qm::Ptr<zyldb>(new zyldb(descs));
+      for (const auto& [name, value] : source.params)
+        if (strcasecmp(name.c_str(), "ZYLDB") != 0 && strcasecmp(name.c_str(), "V5_FIELD_MAP") != 0)
+          copy_->add_param(name.c_str(), value.c_str());
+      copy_->add_records(static_cast<int>(source.size()));
+      for (size_t i = 0; i < source.size(); ++i)
+        for (size_t j = 0; j < source.columns.size(); ++j)
+          copy_->setField(static_cast<unsigned int>(i), static_cast<unsigned int>(j),
+                          LightweightString<char>(source.cell(i, j)));
+      base_ = copy_.get();
     }
   }
-  return out;
-}
+  const ODBBase& rows() const { return *base_; }
 
-size_t writeDelimited(const RowSource& source, Sink& sink, bool tsv, Progress& progress) {
-  size_t quoted = 0;
-  std::string line;
-  auto field = [&](const std::string& v) {
-    return tsv ? tsvField(v, quoted) : csvField(v, ',', quoted);
+ private:
+  static std::vector<int> allColumns_(const zyldb& table) {
+    std::vector<int> columns(table.get_num_fields());
+    for (size_t c = 0; c < columns.size(); ++c) columns[c] = static_cast<int>(c);
+    return columns;
+  }
+  ODBBase* base_ = nullptr;
+  ODBView view_;
+  Qm::Ptr<zyldb> copy_;
+};
+
+void writeInterchange(Format format, const RowSource& source, Sink& sink, Progress& progress) {
+  namespace ix = zyl::interchange;
+  WritableRows rows(source);
+  uint64_t bytes = 0;
+  ix::Sink out = [&sink, &progress, &bytes](std::string_view chunk) {
+    sink.write(chunk);
+    progress.show(bytes += chunk.size());
+    return true;
   };
-  for (size_t j = 0; j < source.columns.size(); ++j) {
-    if (j) line += tsv ? '\t' : ',';
-    line += field(source.table->get_fieldname(source.columns[j]));
-  }
-  sink.write(line + "\n");
-  for (size_t i = 0; i < source.size(); ++i) {
-    line.clear();
-    for (size_t j = 0; j < source.columns.size(); ++j) {
-      if (j) line += tsv ? '\t' : ',';
-      line += field(source.cell(i, j));
-    }
-    line += '\n';
-    sink.write(line);
-    progress.update(i + 1);
-  }
-  return quoted;
+  ix::Error err;
+  bool ok = format == Format::csv   ? ix::writeCsv(rows.rows(), ix::CsvOptions{}, out, &err)
+            : format == Format::tsv ? ix::writeTsv(rows.rows(), ix::TsvOptions{}, out, &err)
+                                    : ix::writeAle(rows.rows(), ix::AleOptions{}, out, &err);
+  if (!ok) throw Failure(err.message);
 }
 
 void writeJson(const RowSource& source, Sink& sink, Progress& progress) {
@@ -279,12 +284,8 @@ void installInterruptCleanup() {
 }
 
 std::string RowSource::cell(size_t i, size_t columnIndex) const {
-  int c = columns[columnIndex];
-  if (tagOf && c == tagColumn()) return tagOf(i) ? "1" : "0";
-  return table->getField((*rows)[i], static_cast<unsigned int>(c)).toStdString();
+  return table->getField((*rows)[i], static_cast<unsigned int>(columns[columnIndex])).toStdString();
 }
-
-int RowSource::tagColumn() const { return table->get_fieldnum(LightweightString<char>("Tag")); }
 
 std::vector<std::pair<std::string, std::string>> tableParams(const zyldb& table) {
   std::vector<std::pair<std::string, std::string>> params;
@@ -295,21 +296,25 @@ std::vector<std::pair<std::string, std::string>> tableParams(const zyldb& table)
   return params;
 }
 
-size_t writeRows(Format format, const RowSource& source, Sink& sink) {
-  Progress progress("writing", source.size(), Progress::Unit::rows);
+void writeRows(Format format, const RowSource& source, Sink& sink) {
   switch (format) {
-    case Format::log:
+    case Format::log: {
+      Progress progress("writing", source.size(), Progress::Unit::rows);
       writeLog(source, sink, progress);
-      return 0;
-    case Format::csv:
-      return writeDelimited(source, sink, false, progress);
-    case Format::tsv:
-      return writeDelimited(source, sink, true, progress);
-    case Format::json:
+      return;
+    }
+    case Format::json: {
+      Progress progress("writing", source.size(), Progress::Unit::rows);
       writeJson(source, sink, progress);
-      return 0;
-    case Format::ale:
-      throw Failure("writing ALE is not supported yet");
+      return;
+    }
+    case Format::csv:
+    case Format::tsv:
+    case Format::ale: {
+      Progress progress("writing", 0, Progress::Unit::bytes);
+      writeInterchange(format, source, sink, progress);
+      return;
+    }
     case Format::table:
       break;
   }

@@ -8,7 +8,6 @@
 #include <zyldb/db/zyldb.h>
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -68,15 +67,11 @@ struct RowSource {
   zyldb* table = nullptr;
   std::vector<int> columns;
   const std::vector<unsigned int>* rows = nullptr;
-  // When set, the "Tag" column's cell of output row i (the tag a view gives
-  // it) instead of the table's.
-  std::function<bool(size_t i)> tagOf;
   // Parameters written before the rows (log, JSON).
   std::vector<std::pair<std::string, std::string>> params;
 
   size_t size() const { return rows->size(); }
   std::string cell(size_t i, size_t columnIndex) const;
-  int tagColumn() const;
 };
 
 // The parameters of `table`, the first being the magic "ZYLDB" one (given
@@ -84,9 +79,12 @@ struct RowSource {
 std::vector<std::pair<std::string, std::string>> tableParams(const zyldb& table);
 
 // Writes `source` to `sink` in `format` (not `table`; see writeTable), row
-// by row. Returns the number of values that had to be quoted or escaped
-// (CSV, TSV). Throws Failure for a format it cannot write.
-size_t writeRows(Format format, const RowSource& source, Sink& sink);
+// by row: the log format with the library's record writer, JSON here, CSV,
+// TSV and ALE with the library's interchange writers. Memory beyond the
+// table: a batch of lines, plus, for CSV, TSV and ALE of a choice of
+// columns, a copy of those columns' cells (those writers write every
+// column). Throws Failure when the writer refuses the rows.
+void writeRows(Format format, const RowSource& source, Sink& sink);
 
 // Writes `source` as an aligned table fitted to `lineWidth` columns (0: no
 // limit); the names of the columns left out go to `dropped`. Reads the rows
