@@ -305,7 +305,10 @@ TEST_F(ZyldbFileTest, PartialSavesAndLoadText) {
   row = tags.add_records(3);
   for (int i = 0; i < 3; ++i) tags.set_field(row + i, 0u, ("n" + std::to_string(i)).c_str());
   tags.set_filename(wpath("tags.log"));
-  const std::string header = "\"ZYLDB\"\n\"32\",\"1\"\n\"text\",\"numeric\"\n\"Name\",\"Tag\"\n";
+  // Without parameters the magic line is written all the same: a file needs
+  // it to load.
+  const std::string header =
+      "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"32\",\"1\"\n\"text\",\"numeric\"\n\"Name\",\"Tag\"\n";
   tags.set_tag(0, 1);
   tags.set_tag(2, 1);
   EXPECT_TRUE(tags.save_tags());
