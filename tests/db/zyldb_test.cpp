@@ -413,6 +413,7 @@ TEST(ZyldbMemory, FailedOperationsLeakNothing) {
     DeletionLog log(t);
     t.delete_records(0, 1);
     t.getRowIndexByID(Cookie());
+    Cookie::make('M');  // the thread's identifier generator
   }
   failEachAllocation({{"a", "", "01"}, {"b", "", "02"}}, [](zyldb& t) { zyldb copy(t, 1); });
   failEachAllocation({{"a"}, {"b"}}, [](zyldb& t) {

@@ -137,6 +137,12 @@ class ZYLDB_EXPORT TextFile {
   // Line n as a string (a copy); the empty string past the end.
   LightweightString<char> operator[](unsigned int n) const;
 
+  // The bytes held: every line and one terminator per line (the size of the
+  // file save() writes with LF line ends).
+  size_t byteSize() const { return buf_.size(); }
+  // The offset of line n within those bytes; byteSize() at or past the end.
+  size_t lineOffset(unsigned int n) const { return n < starts_.size() ? starts_[n] : buf_.size(); }
+
   unsigned int getNumLines() const { return static_cast<unsigned int>(starts_.size()); }
   unsigned int size() const { return getNumLines(); }
   void clear();
