@@ -167,7 +167,9 @@ std::unique_ptr<zyldb> readAle(std::string_view text, Error* err) {
       // written by hand).
       size_t split = line.find('\t');
       if (split == std::string_view::npos) split = line.find(' ');
-      const std::string_view key = trimBlanks(line.substr(0, split));
+      // Parameters are C strings: a key ends at a NUL, before it is trimmed.
+      std::string_view key = line.substr(0, split);
+      key = trimBlanks(key.substr(0, key.find('\0')));
       const std::string_view value =
           split == std::string_view::npos ? std::string_view() : line.substr(split + 1);
       if (key.empty() || same(key, "ZYLDB")) continue;  // "ZYLDB" is the log's magic

@@ -310,6 +310,11 @@ TEST(Formats, RegressionsFoundByFuzzing) {
   auto again = readAle(toAle(*ale), &err);
   ASSERT_TRUE(again) << err.message;
   EXPECT_STREQ(again->get_param_val("FPS"), "");
+  // A heading key ends at a NUL before it is trimmed, as a parameter name
+  // would: "FIELD_DELIM <NUL>x" is FIELD_DELIM, not a parameter "FIELD_DELIM ".
+  auto nul = readAle(std::string("Heading\nFIELD_DELIM \0x\tTABS\nColumn\nA\nData\n", 42), &err);
+  ASSERT_TRUE(nul) << err.message;
+  EXPECT_EQ(nul->getNumParams(), 0u);
 }
 
 // ---- Names ----------------------------------------------------------------------
