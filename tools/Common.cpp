@@ -168,32 +168,9 @@ std::vector<unsigned int> allRows(const zyldb& table) {
 }
 
 std::string typeKeyword(DBFieldTypes::eType type) {
-  switch (type) {
-    case DBFieldTypes::timecode:
-      return "timecode";
-    case DBFieldTypes::timecode_s:
-      return "timecode_s";
-    case DBFieldTypes::text:
-      return "text";
-    case DBFieldTypes::text_s:
-      return "text_s";
-    case DBFieldTypes::time_of_day:
-      return "time_of_day";
-    case DBFieldTypes::date:
-      return "date";
-    case DBFieldTypes::dos_date:
-      return "dos_date";
-    case DBFieldTypes::char_:
-      return "char";
-    case DBFieldTypes::numeric:
-      return "numeric";
-    case DBFieldTypes::long_:
-      return "long";
-    case DBFieldTypes::double_:
-      return "double";
-    case DBFieldTypes::none:
-      return "none";
-  }
+  // The library's written keyword, else the one-character code it writes.
+  if (const char* keyword = zyldb_fieldtype_to_string(type)) return keyword;
+  if (type == DBFieldTypes::none) return "none";
   return std::string(1, static_cast<char>(type));
 }
 

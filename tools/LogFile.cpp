@@ -143,12 +143,14 @@ void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& m
           {0,
            "the header never ends: no \"ZYLDB\" line follows its parameter lines, so the file "
            "has no column header"});
-    } else if (table.read_error_info(e) && e.code == 3 && e.detail == 3) {
+    } else if (table.read_error_info(e) && e.code == DBLoadError::columnHeader &&
+               e.detail == DBLoadError::typesLine) {
       log.problems.push_back({static_cast<int>(typesLine) + 1,
                               "the types line has " + plural(types.count, "field", "fields") +
                                   ", the widths line has " + std::to_string(widths.count) +
                                   "; they must have one per column"});
-    } else if (table.read_error_info(e) && e.code == 3 && e.detail == 4) {
+    } else if (table.read_error_info(e) && e.code == DBLoadError::columnHeader &&
+               e.detail == DBLoadError::namesLine) {
       log.problems.push_back({static_cast<int>(namesLine) + 1,
                               "the names line has " + plural(names.count, "field", "fields") +
                                   ", the log has " + plural(widths.count, "column", "columns")});
@@ -182,7 +184,7 @@ void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& m
 
   unsigned int rows = table.getNumRawRecords();
   dberror e;
-  if (table.read_error_info(e) && e.code == 1) {
+  if (table.read_error_info(e) && e.code == DBLoadError::rowFieldCount) {
     unsigned int bad = namesLine + 1 + static_cast<unsigned int>(e.detail);
     LineFields record;
     readLine(file, bad, record);

@@ -3,8 +3,10 @@
 // The whole public API of zyldb. Hosts include this one header and link
 // zyldb::zyldb (or -lzyldb).
 
+#include <zyldb/audit/Audit.h>
 #include <zyldb/container/QMContainerFile.h>
 #include <zyldb/db/DBFieldTypes.h>
+#include <zyldb/db/LoadError.h>
 #include <zyldb/db/ODBBase.h>
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/db/zyldb.h>

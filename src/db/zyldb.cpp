@@ -458,7 +458,7 @@ int zyldb::set_fieldname(unsigned int field, const char* name) {
 
 int zyldb::set_fieldtype(unsigned int field, DBFieldTypes::eType type) {
   if (type == DBFieldTypes::none) {
-    fill_error_info(2, 3, 0, 0);
+    fill_error_info(DBLoadError::fieldType, DBLoadError::typeNone, 0, 0);
     type = DBFieldTypes::text;
   }
   if (field >= numFields || field >= fieldTypes.size()) return 0;

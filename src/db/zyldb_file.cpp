@@ -18,95 +18,18 @@
 #include <string>
 #include <vector>
 
+#include "db/LogFormat.h"
+
 namespace {
 
-constexpr int kCurrentRevision = 1;
-constexpr const char kMagicName[] = "ZYLDB";
+using zyl::logformat::kCurrentRevision;
+using zyl::logformat::kMagicName;
+using zyl::logformat::kMaxColumns;
+using zyl::logformat::Progress;
 // Scratch record width while reading a header; it grows as lines need.
 constexpr unsigned short kScratchFields = 24;
-// Records hold at most this many fields, so a wider file cannot be a table.
-constexpr unsigned int kMaxColumns = 0xFFFF;
-
-struct MinWidth {
-  const char* name;
-  int width;
-};
-
-// Display widths below which a column of that name is never written; the
-// first match (ignoring case) wins.
-constexpr MinWidth kMinWidths[] = {
-    {"Cookie", 12},
-    {"Type", 6},
-    {"Flags", 8},
-    {"Name", 32},
-    {"Date", 12},
-    {"Size", 8},
-    {"pic qual", 4},
-    {"aud qual", 32},
-    {"chans", 64},
-    {"Start time", 12},
-    {"End time", 12},
-    {"Duration", 16},
-    {"Reel", 10},
-    {"Reel Type", 30},
-    {"Scene", 24},
-    {"Shot", 24},
-    {"Who", 24},
-    {"Description", 64},
-    {"Notes", 100},
-    {"snd start", 12},
-    {"snd end", 12},
-    {"snd reel", 10},
-    {"start 24P code", 12},
-    {"end 24P code", 12},
-    {"24P reel", 10},
-    {"film_origin", 3},
-    {"pulldown", 3},
-    {"sequence", 2},
-    {"start keycode", 17},
-    {"end keycode", 17},
-    {"film duration", 9},
-    {"start camcode", 12},
-    {"end camcode", 12},
-    {"cam reel", 10},
-    {"comp reel", 10},
-    {"cam_date", 6},
-    {"start inkcode", 15},
-    {"end inkcode", 15},
-    {"lab reel", 10},
-    {"Mdrive", 4},
-    {"Tag", 1},
-};
-constexpr int kDefaultMinWidth = 4;
-
-// The written form of a column type: a keyword for the ten codes that have
-// one, otherwise null (the code is written as one character).
-const char* typeKeyword(DBFieldTypes::eType t) {
-  switch (t) {
-    case DBFieldTypes::text_s:
-      return "text_s";
-    case DBFieldTypes::time_of_day:
-      return "time_of_day";
-    case DBFieldTypes::dos_date:
-      return "dos_date";
-    case DBFieldTypes::timecode_s:
-      return "timecode_s";
-    case DBFieldTypes::text:
-      return "text";
-    case DBFieldTypes::date:
-      return "date";
-    case DBFieldTypes::double_:
-      return "double";
-    case DBFieldTypes::long_:
-      return "long";
-    case DBFieldTypes::numeric:
-      return "numeric";
-    case DBFieldTypes::timecode:
-      return "timecode";
-    default:
-      return nullptr;
-  }
-}
+// Rows between two progress reports while loading or saving.
+constexpr unsigned int kProgressRows = 4096;
 
 inline bool isBlank(char c) {
   unsigned char u = static_cast<unsigned char>(c);
@@ -179,12 +102,7 @@ bool endsWithCsv(const LightweightString<wchar_t>& name) {
 
 // ---- Parameters ---------------------------------------------------------------
 
-int zyldb::getMinFieldSize(const char* name) {
-  if (!name) return kDefaultMinWidth;
-  for (const MinWidth& m : kMinWidths)
-    if (strcasecmp(name, m.name) == 0) return m.width;
-  return kDefaultMinWidth;
-}
+int zyldb::getMinFieldSize(const char* name) { return zyl::logformat::minWidth(name); }
 
 int zyldb::find_param(const char* name) const {
   if (!name) return -1;
@@ -321,7 +239,7 @@ void writeColumnHeader(const zyldb& table, TextFile& f, const std::vector<size_t
     for (unsigned int i = 0; i < n; ++i) {
       DBFieldTypes::eType type = table.get_field_type(i);
       line += '"';
-      if (const char* keyword = typeKeyword(type)) {
+      if (const char* keyword = zyl::logformat::writtenKeyword(type)) {
         line += keyword;
       } else {
         // An unnamed code is written as its one character. Characters that
@@ -389,7 +307,9 @@ void zyldb::loadFromFile(int maxRecords, bool strictHeader) {
       }
     }
     post_init();
+    Progress progress(&progress_, file.byteSize());
     for (unsigned int l = 1; l < file.getNumLines(); ++l) {
+      if (progress.active() && l % kProgressRows == 0) progress.update(file.lineOffset(l));
       std::vector<LightweightString<char>> pieces = Qm::splitIf(file[l], ',', 2);
       size_t k = pieces.size() < numFields ? pieces.size() : numFields;
       if (k == 0) continue;
@@ -398,6 +318,7 @@ void zyldb::loadFromFile(int maxRecords, bool strictHeader) {
       for (size_t j = 0; j < k; ++j)
         setField(static_cast<unsigned int>(row), static_cast<unsigned int>(j), pieces[j]);
     }
+    progress.finish(file.byteSize());
     valid = 1;
     return;
   }
@@ -412,7 +333,7 @@ void zyldb::loadFromFile(int maxRecords, bool strictHeader) {
     unsigned int columns = static_cast<unsigned int>(count);
 
     if (scratch.read(file) != count) {
-      fill_error_info(3, 3, 0, 0);
+      fill_error_info(DBLoadError::columnHeader, DBLoadError::typesLine, 0, 0);
       return;
     }
     fieldNames.resize(columns);
@@ -424,7 +345,7 @@ void zyldb::loadFromFile(int maxRecords, bool strictHeader) {
     }
 
     if (scratch.read(file) != count) {
-      fill_error_info(3, 4, 0, 0);
+      fill_error_info(DBLoadError::columnHeader, DBLoadError::namesLine, 0, 0);
       return;
     }
     valid = 1;
@@ -467,35 +388,42 @@ int zyldb::load_text(int maxRecords) {
 
 int zyldb::add_text(TextFile& f, int skipFirst, int maxRecords) {
   if (maxRecords < 1 || numRecords >= capacity) return 0;
+  Progress progress(&progress_, f.byteSize());
   int added = 0;
-  for (;;) {
-    auto rec = std::make_unique<dbrecord>(static_cast<unsigned short>(numFields));
-    rec->set_container(this);
-    int count = rec->read(f);
-    if (count == 0) return added;
-    if (static_cast<unsigned int>(count) != numFields) {
-      fill_error_info(1, added, 0, 0);
-      LogBoth("zyldb::add_text: returning because not all fields filled\n");
-      return added;
-    }
-    if (added == 0 && skipFirst) {
-      if (rec->read(f) == 0) {
-        vorn_printf("zyldb::add_text: returning because no more lines\n");
-        return added;
+  [&] {
+    for (;;) {
+      if (progress.active() && added % kProgressRows == 0)
+        progress.update(f.lineOffset(f.currentLine));
+      auto rec = std::make_unique<dbrecord>(static_cast<unsigned short>(numFields));
+      rec->set_container(this);
+      int count = rec->read(f);
+      if (count == 0) return;
+      if (static_cast<unsigned int>(count) != numFields) {
+        fill_error_info(DBLoadError::rowFieldCount, added, 0, 0);
+        LogBoth("zyldb::add_text: returning because not all fields filled\n");
+        return;
       }
-    } else if (equalsMagic(rec->get_field(0))) {
-      // A header line among the records: skip it and the two lines after it.
-      rec->read(f);
-      rec->read(f);
-      if (rec->read(f) == 0) {
-        vorn_printf("zyldb::add_text: returning because no more lines\n");
-        return added;
+      if (added == 0 && skipFirst) {
+        if (rec->read(f) == 0) {
+          vorn_printf("zyldb::add_text: returning because no more lines\n");
+          return;
+        }
+      } else if (equalsMagic(rec->get_field(0))) {
+        // A header line among the records: skip it and the two lines after it.
+        rec->read(f);
+        rec->read(f);
+        if (rec->read(f) == 0) {
+          vorn_printf("zyldb::add_text: returning because no more lines\n");
+          return;
+        }
       }
+      rows[numRecords++] = rec.release();
+      while (numRecords >= capacity) add_chunk();
+      if (++added >= maxRecords) return;
     }
-    rows[numRecords++] = rec.release();
-    while (numRecords >= capacity) add_chunk();
-    if (++added >= maxRecords) return added;
-  }
+  }();
+  progress.finish(f.byteSize());
+  return added;
 }
 
 namespace {
@@ -504,9 +432,10 @@ namespace {
 // the column `tagColumn` when there is one (visible and raw rows coincide
 // unless only tags are shown). Returns the number of rows written.
 int writeRows(zyldb& table, TextFile& f, dbrecord* const* rows, unsigned int n, int tagColumn,
-              bool showTagsOnly) {
+              bool showTagsOnly, Progress& progress) {
   int written = 0;
   for (unsigned int i = 0; i < n; ++i) {
+    if (progress.active() && i % kProgressRows == 0) progress.update(f.byteSize());
     dbrecord* rec = rows[i];
     if (tagColumn >= 0) {
       char text[8];
@@ -522,6 +451,14 @@ int writeRows(zyldb& table, TextFile& f, dbrecord* const* rows, unsigned int n, 
   return written;
 }
 
+// Saves f and reports the end of the save when it succeeded.
+bool finishSave(const TextFile& f, const LightweightString<wchar_t>& name, Progress& progress) {
+  if (!f.save(name, TextFile::eLF)) return false;
+  progress.setTotal(f.byteSize());
+  progress.finish(f.byteSize());
+  return true;
+}
+
 }  // namespace
 
 int zyldb::save_text() {
@@ -530,19 +467,22 @@ int zyldb::save_text() {
   reserveLines(f, numRecords, measure.lineBytes);
   save_params(f);
   writeColumnHeader(*this, f, &measure.longest);
+  Progress progress(&progress_, f.byteSize() + measure.lineBytes);
   int written = writeRows(*this, f, rows, numRecords, get_fieldnum(LightweightString<char>("Tag")),
-                          showTagsOnly != 0);
-  return f.save(fileName, TextFile::eLF) ? written : 0;
+                          showTagsOnly != 0, progress);
+  return finishSave(f, fileName, progress) ? written : 0;
 }
 
 int zyldb::save_text_without_header() {
   TextFile f;
-  reserveLines(f, numRecords, measureRows(rows, numRecords, 0).lineBytes);
+  const size_t lineBytes = measureRows(rows, numRecords, 0).lineBytes;
+  reserveLines(f, numRecords, lineBytes);
   save_params(f);
   writeColumnHeader(*this, f, nullptr);
+  Progress progress(&progress_, f.byteSize() + lineBytes);
   int written = writeRows(*this, f, rows, numRecords, get_fieldnum(LightweightString<char>("Tag")),
-                          showTagsOnly != 0);
-  return f.save(fileName, TextFile::eLF) ? written : 0;
+                          showTagsOnly != 0, progress);
+  return finishSave(f, fileName, progress) ? written : 0;
 }
 
 bool zyldb::save_tags() {
@@ -551,9 +491,12 @@ bool zyldb::save_tags() {
   reserveLines(f, measure.taggedRows, measure.taggedLineBytes);
   save_params(f);
   writeColumnHeader(*this, f, &measure.longest);
-  for (unsigned int i = 0; i < numRecords; ++i)
+  Progress progress(&progress_, f.byteSize() + measure.taggedLineBytes);
+  for (unsigned int i = 0; i < numRecords; ++i) {
+    if (progress.active() && i % kProgressRows == 0) progress.update(f.byteSize());
     if (rows[i]->getTag() && !rows[i]->write(f)) break;
-  return f.save(fileName, TextFile::eLF);
+  }
+  return finishSave(f, fileName, progress);
 }
 
 void zyldb::fill_error_info(int code, int detail, int extra1, int extra2) {

@@ -385,3 +385,60 @@ TEST_F(ZyldbFileTest, LoadSurvivesExhaustionAtEveryAllocation) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(TypeKeywords, WrittenKeywordsReadBackAsTheirType) {
+  // Every code the writer names comes back from the reader; every other
+  // code is written as its character, which also reads back.
+  int named = 0;
+  for (int c = 1; c < 128; ++c) {
+    const auto t = static_cast<DBFieldTypes::eType>(c);
+    if (const char* keyword = zyldb_fieldtype_to_string(t)) {
+      ++named;
+      EXPECT_EQ(zyldb_string_to_fieldtype(keyword), t) << keyword;
+    } else {
+      const char code[2] = {static_cast<char>(c), 0};
+      EXPECT_EQ(zyldb_string_to_fieldtype(code), t) << c;
+    }
+  }
+  EXPECT_EQ(named, 10);
+  EXPECT_EQ(zyldb_fieldtype_to_string(DBFieldTypes::char_), nullptr);
+  EXPECT_EQ(zyldb_fieldtype_to_string(DBFieldTypes::none), nullptr);
+  EXPECT_EQ(zyldb_string_to_fieldtype("char"), DBFieldTypes::char_);
+}
+
+}  // namespace
+
+TEST_F(ZyldbFileTest, ProgressReachesTheTotalOnLoadAndSave) {
+  std::string text = kHeader;
+  for (int i = 0; i < 60000; ++i) text += "\"" + std::to_string(i) + "\",\"some value\",\"x\"\n";
+  writeFile("big.log", text);
+  std::vector<std::pair<uint64_t, uint64_t>> calls;
+  zyldb t;
+  t.setProgress([&](uint64_t done, uint64_t total) { calls.emplace_back(done, total); });
+  t.set_filename(wpath("big.log"));
+  t.loadFromFile(INT_MAX, true);
+  ASSERT_EQ(t.get_num_records(), 60000u);
+  ASSERT_GE(calls.size(), 2u);
+  EXPECT_EQ(calls.back(), std::make_pair(uint64_t{text.size()}, uint64_t{text.size()}));
+  for (size_t i = 1; i < calls.size(); ++i) EXPECT_LE(calls[i - 1].first, calls[i].first);
+
+  calls.clear();
+  t.set_filename(wpath("copy.log"));
+  ASSERT_EQ(t.save_text(), 60000);
+  ASSERT_GE(calls.size(), 2u);
+  const uint64_t size = fs::file_size(dir_ / "copy.log");
+  EXPECT_EQ(calls.back(), std::make_pair(size, size));
+  EXPECT_LE(calls.size(), 2 + size / (1 << 20) + 1);
+
+  calls.clear();
+  t.setProgress(nullptr);
+  t.save_text();
+  EXPECT_THAT(calls, IsEmpty());
+}
+
+// The named codes keep the numbers hosts already compare.
+static_assert(DBLoadError::rowFieldCount == 1 && DBLoadError::fieldType == 2 &&
+              DBLoadError::columnHeader == 3 && DBLoadError::typeNone == 3 &&
+              DBLoadError::typesLine == 3 && DBLoadError::namesLine == 4);

@@ -26,6 +26,7 @@
 // change.
 
 #include <zyldb/db/DBFieldTypes.h>
+#include <zyldb/db/LoadError.h>
 #include <zyldb/db/ODBBase.h>
 #include <zyldb/export.h>
 #include <zyldb/platform/Cookie.h>
@@ -35,6 +36,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <map>
 #include <utility>
 #include <vector>
@@ -43,7 +45,8 @@ class dbrecord;
 class TextFile;
 class configb;
 
-// The caller's copy of a table's last load error (see read_error_info).
+// The caller's copy of a table's last load error (see read_error_info); the
+// codes are named in DBLoadError.
 struct dberror {
   int32_t code = 0;
   int32_t detail = 0;
@@ -335,6 +338,17 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
 
   // ---- Files ------------------------------------------------------------------
 
+  // Progress of a load or save: the bytes read or written so far and the
+  // total when it is known (0 when not; while saving, the total is the
+  // expected size of the file, which escapes may exceed a little). Called on the loading or saving
+  // thread, at most about once per MiB and once at the end (done == total
+  // then). It may not use the table.
+  using ProgressFn = std::function<void(uint64_t done, uint64_t total)>;
+  // Sets the function loadFromFile, load_text, save_text,
+  // save_text_without_header and save_tags report to; an empty function
+  // (the default) turns reporting off, which then costs nothing.
+  void setProgress(ProgressFn fn) { progress_ = std::move(fn); }
+
   void set_filename(LightweightString<wchar_t> name) override;
   LightweightString<wchar_t> get_filename() override;
   // Resets the table and loads the file it names; sets the valid flag on
@@ -397,6 +411,7 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   // -1), and the time of the last change by a record read.
   std::vector<int> timecodeFields_;
   time_t lastChange_ = 0;
+  ProgressFn progress_;
 
  private:
   void destroyRows() noexcept;
