@@ -11,6 +11,10 @@
 
 #include "Common.h"
 
+namespace zyl::cli {
+Command auditCommand();  // AuditCommand.cpp
+}
+
 namespace {
 
 using zyl::cli::Command;
@@ -19,7 +23,8 @@ const std::vector<Command>& commands() {
   static const std::vector<Command> kCommands = {
       zyl::cli::showCommand(),  zyl::cli::infoCommand(),    zyl::cli::checkCommand(),
       zyl::cli::sortCommand(),  zyl::cli::findCommand(),    zyl::cli::dedupeCommand(),
-      zyl::cli::mergeCommand(), zyl::cli::convertCommand(), zyl::cli::demoCommand()};
+      zyl::cli::mergeCommand(), zyl::cli::convertCommand(), zyl::cli::demoCommand(),
+      zyl::cli::auditCommand()};
   return kCommands;
 }
 

@@ -174,6 +174,12 @@ int64_t frameOf(const Label& l, const Rate& r) {
   return frames;
 }
 
+bool labelsFit(const std::vector<Label>& labels, const Rate& r) {
+  for (const Label& l : labels)
+    if (l.state == Label::Good && !impossibility(l, r).empty()) return false;
+  return true;
+}
+
 Rate inferRate(const std::vector<Label>& a, const std::vector<Label>& b) {
   bool anyDrop = false, any = false;
   int maxFrame = 0;
@@ -530,6 +536,13 @@ void Auditor::run() {
              &rep_.picture);
   chooseRate(opt_.soundFps.empty() ? opt_.fps : opt_.soundFps, kSoundRateParams,
              std::size(kSoundRateParams), sndStarts_, sndEnds_, &rep_.sound);
+  // Sound timecodes usually run at the picture's timebase; a handful of
+  // sound labels says little, so the picture rate is kept when they fit it.
+  if (rep_.sound.source == Rate::Source::Inferred && rep_.picture.timebase > 0 &&
+      labelsFit(sndStarts_, rep_.picture) && labelsFit(sndEnds_, rep_.picture)) {
+    rep_.sound = rep_.picture;
+    rep_.sound.how = "as the picture, which the sound labels fit";
+  }
 
   if (opt_.pulldownVideo > 0) {
     pulldownVideo_ = opt_.pulldownVideo;
