@@ -213,6 +213,7 @@ class HtmlPage {
   void renderTimeline(const za::Timeline& t, const za::Report& r, const std::string& prefix);
 
   std::ostringstream out_;
+  int timelines_ = 0;
   // The bar of each (track, row), and the first finding of each.
   std::map<std::pair<za::Track, long>, std::string> bars_;
   std::map<std::pair<za::Track, long>, std::pair<std::string, za::Severity>> findingOf_;
@@ -323,6 +324,7 @@ void HtmlPage::renderTimeline(const za::Timeline& t, const za::Report& r,
   }
   const double height = top + static_cast<double>(laneEnds.size()) * lane + 8;
   const bool sound = t.track == za::Track::Sound;
+  const std::string hatch = prefix + "hatch-" + std::to_string(++timelines_);
 
   out_ << "<div class=\"reel\">\n<h2>" << (sound ? "Sound reel " : "Reel ") << esc(t.reel)
        << "<small>" << plural(static_cast<long>(t.clips.size()), "clip", "clips") << " &#183; "
@@ -330,7 +332,7 @@ void HtmlPage::renderTimeline(const za::Timeline& t, const za::Report& r,
        << "</small></h2>\n";
   out_ << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\""
        << num(height) << "\" viewBox=\"0 0 " << width << " " << num(height) << "\">\n";
-  out_ << "<defs><pattern id=\"" << prefix << "hatch\" width=\"8\" height=\"8\" "
+  out_ << "<defs><pattern id=\"" << hatch << "\" width=\"8\" height=\"8\" "
        << "patternUnits=\"userSpaceOnUse\" patternTransform=\"rotate(45)\">"
        << "<rect width=\"8\" height=\"8\" fill=\"#eceef2\"/>"
        << "<line x1=\"0\" y1=\"0\" x2=\"0\" y2=\"8\" stroke=\"#c9ced8\" stroke-width=\"4\"/>"
@@ -361,7 +363,7 @@ void HtmlPage::renderTimeline(const za::Timeline& t, const za::Report& r,
       double a = x(f.frame), b = x(f.frame + f.length);
       out_ << "<a href=\"#" << prefix << "finding-" << i + 1 << "\"><rect x=\"" << num(a)
            << "\" y=\"" << num(top - 4) << "\" width=\"" << num(b - a) << "\" height=\""
-           << num(height - top) << "\" fill=\"url(#" << prefix << "hatch)\"><title>"
+           << num(height - top) << "\" fill=\"url(#" << hatch << ")\"><title>"
            << esc(f.message) << "</title></rect>";
       if (b - a > 90)
         out_ << "<text x=\"" << num((a + b) / 2) << "\" y=\"" << num(top + 15)
