@@ -169,9 +169,9 @@ std::string num(double v) {
   return buf;
 }
 
-// The timecode of frame `f` at `timebase`, without frames ("01:02:03").
-std::string clockText(int64_t f, int timebase) {
-  std::string d = za::durationText(f, timebase);
+// The label of frame `f` on a timeline, without frames ("01:02:03").
+std::string clockText(int64_t f, const za::Timeline& t) {
+  std::string d = za::labelText(f, t.timebase, t.dropFrame);
   return d.size() > 3 ? d.substr(0, d.size() - 3) : d;
 }
 
@@ -328,8 +328,8 @@ void HtmlPage::renderTimeline(const za::Timeline& t, const za::Report& r,
 
   out_ << "<div class=\"reel\">\n<h2>" << (sound ? "Sound reel " : "Reel ") << esc(t.reel)
        << "<small>" << plural(static_cast<long>(t.clips.size()), "clip", "clips") << " &#183; "
-       << za::durationText(t0, t.timebase) << " to " << za::durationText(t1, t.timebase)
-       << "</small></h2>\n";
+       << za::labelText(t0, t.timebase, t.dropFrame) << " to "
+       << za::labelText(t1, t.timebase, t.dropFrame) << "</small></h2>\n";
   out_ << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\""
        << num(height) << "\" viewBox=\"0 0 " << width << " " << num(height) << "\">\n";
   out_ << "<defs><pattern id=\"" << hatch << "\" width=\"8\" height=\"8\" "
@@ -348,10 +348,11 @@ void HtmlPage::renderTimeline(const za::Timeline& t, const za::Report& r,
     if (span / step <= 8) break;
   }
   for (int64_t f = (t0 / step + 1) * step; f < t1; f += step) {
+    if (x(f) < left + 30 || x(f) > width - right - 30) continue;  // keep the labels inside
     out_ << "<line x1=\"" << num(x(f)) << "\" y1=\"18\" x2=\"" << num(x(f)) << "\" y2=\""
          << num(height - 4) << "\" stroke=\"#e1e4ea\"/>"
          << "<text x=\"" << num(x(f)) << "\" y=\"13\" font-size=\"10\" fill=\"#7a8294\" "
-         << "text-anchor=\"middle\">" << clockText(f, t.timebase) << "</text>\n";
+         << "text-anchor=\"middle\">" << clockText(f, t) << "</text>\n";
   }
 
   // Gaps and overlaps of this reel, under the bars.
@@ -363,8 +364,8 @@ void HtmlPage::renderTimeline(const za::Timeline& t, const za::Report& r,
       double a = x(f.frame), b = x(f.frame + f.length);
       out_ << "<a href=\"#" << prefix << "finding-" << i + 1 << "\"><rect x=\"" << num(a)
            << "\" y=\"" << num(top - 4) << "\" width=\"" << num(b - a) << "\" height=\""
-           << num(height - top) << "\" fill=\"url(#" << hatch << ")\"><title>"
-           << esc(f.message) << "</title></rect>";
+           << num(height - top) << "\" fill=\"url(#" << hatch << ")\"><title>" << esc(f.message)
+           << "</title></rect>";
       if (b - a > 90)
         out_ << "<text x=\"" << num((a + b) / 2) << "\" y=\"" << num(top + 15)
              << "\" font-size=\"11\" fill=\"#5b6475\" text-anchor=\"middle\">gap "

@@ -367,6 +367,24 @@ std::string durationText(int64_t frames, int timebase) {
   return sign + buf;
 }
 
+std::string labelText(int64_t frame, int timebase, bool dropFrame) {
+  if (timebase <= 0 || frame < 0) return durationText(frame, timebase);
+  const int drop = timebase / 15;
+  if (dropFrame && drop > 0) {
+    // Ten minutes hold 600 * timebase - 9 * drop frames; every minute but
+    // each tenth skips its first `drop` labels.
+    const int64_t perTen = 600LL * timebase - 9LL * drop, perMinute = 60LL * timebase - drop;
+    int64_t tens = frame / perTen, rest = frame % perTen;
+    frame += 9 * drop * tens + (rest < drop ? 0 : drop * ((rest - drop) / perMinute));
+  }
+  const int64_t secs = frame / timebase;
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%02d:%02d:%02d%c%02d", static_cast<int>(secs / 3600 % 24),
+                static_cast<int>(secs / 60 % 60), static_cast<int>(secs % 60),
+                dropFrame && drop > 0 ? ';' : ':', static_cast<int>(frame % timebase));
+  return buf;
+}
+
 const char* kindName(Kind kind) {
   switch (kind) {
     case Kind::Overlap:
@@ -438,6 +456,7 @@ class Auditor {
     uint32_t reel;
     int64_t start, end;
     long row;
+    bool drop;
   };
 
   const LightweightString<char>& cell(long row, int column) const {
@@ -747,7 +766,7 @@ void Auditor::checkTimecodes(Track track, int startCol, int endCol,
       if (inserted) reelNames.push_back(reel);
       lastReel = it->second;
     }
-    clips.push_back({lastReel, a, b, r});
+    clips.push_back({lastReel, a, b, r, s.drop && rate.dropFrame});
   }
   if (reelCol >= 0) checkReels(track, clips, reelNames, rate, startCol, endCol);
 }
@@ -789,6 +808,7 @@ void Auditor::checkReels(Track track, std::vector<Placed>& clips,
         t.reel = std::string(byName[c.reel]);
         t.track = track;
         t.timebase = rate.timebase;
+        t.dropFrame = c.drop;
       }
       rep_.timelines.back().clips.push_back({c.row, c.start, c.end, clipName(c.row)});
     }

@@ -468,3 +468,37 @@ TEST(AuditLabels, FastParseAgreesWithTimeDef) {
 
 }  // namespace
 }  // namespace zyl::audit
+
+namespace zyl::audit {
+namespace {
+
+// Frame numbers and labels both ways, around the drop-frame minute rollover
+// and at 59.94.
+TEST(AuditLabels, LabelTextInvertsTheFrameCount) {
+  struct Case {
+    int64_t frame;
+    int timebase;
+    bool drop;
+    const char* label;
+  } cases[] = {
+      {1799, 30, true, "00:00:59;29"},   {1800, 30, true, "00:01:00;02"},
+      {17981, 30, true, "00:09:59;29"},  {17982, 30, true, "00:10:00;00"},
+      {107892, 30, true, "01:00:00;00"}, {3599, 60, true, "00:00:59;59"},
+      {3600, 60, true, "00:01:00;04"},   {90000, 25, false, "01:00:00:00"},
+      {86399, 24, false, "00:59:59:23"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(labelText(c.frame, c.timebase, c.drop), c.label);
+  // Every label of the first eleven minutes at 29.97 drop-frame reads back
+  // as the frame it was made from.
+  LightweightString<char> text;
+  for (int64_t f = 0; f < 11 * 1800; ++f) {
+    std::string l = labelText(f, 30, true);
+    detail::LabelParts p;
+    ASSERT_TRUE(detail::parseLabel(LightweightString<char>(l), &p)) << l;
+    int64_t minutes = p.h * 60 + p.m;
+    ASSERT_EQ((minutes * 60 + p.s) * 30 + p.f - 2 * (minutes - minutes / 10), f) << l;
+  }
+}
+
+}  // namespace
+}  // namespace zyl::audit
