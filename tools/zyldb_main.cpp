@@ -14,6 +14,10 @@
 #include "Common.h"
 #include "Progress.h"
 
+namespace zyl::cli {
+Command auditCommand();  // AuditCommand.cpp
+}
+
 namespace {
 
 using zyl::cli::Command;
@@ -25,6 +29,7 @@ const std::vector<Command>& commands() {
         zyl::cli::showCommand(),  zyl::cli::infoCommand(),    zyl::cli::checkCommand(),
         zyl::cli::sortCommand(),  zyl::cli::findCommand(),    zyl::cli::dedupeCommand(),
         zyl::cli::mergeCommand(), zyl::cli::convertCommand(), zyl::cli::demoCommand(),
+        zyl::cli::auditCommand(),
     };
     for (Command& c : list)
       c.def.options.push_back({"quiet", 'q', "", "show no progress on stderr"});
