@@ -1,6 +1,7 @@
 #include "Common.h"
 
 #include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/TextUtil.h>
 
 #include <cctype>
 #include <cstdlib>
@@ -16,15 +17,6 @@ std::string trimBlanks(const std::string& s) {
   if (b == std::string::npos) return "";
   size_t e = s.find_last_not_of(" \t");
   return s.substr(b, e - b + 1);
-}
-
-bool endsWithIgnoringCase(const std::string& s, const std::string& suffix) {
-  if (s.size() < suffix.size()) return false;
-  for (size_t i = 0; i < suffix.size(); ++i) {
-    char a = s[s.size() - suffix.size() + i];
-    if (std::tolower(static_cast<unsigned char>(a)) != suffix[i]) return false;
-  }
-  return true;
 }
 
 // Appends `text` to `file` one line per line feed; a final line feed ends

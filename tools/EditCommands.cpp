@@ -3,6 +3,7 @@
 // file named by -o (replaced in one step) or to stdout.
 
 #include <strings.h>
+#include <zyldb/platform/TextUtil.h>
 
 #include <cctype>
 #include <iostream>
@@ -131,7 +132,7 @@ int runMerge(const ParsedArgs& args) {
 int runConvert(const ParsedArgs& args) {
   expectPositional(args, {"IN", "OUT"});
   const std::string& in = args.positional[0];
-  if (in.size() >= 5 && strcasecmp(in.c_str() + in.size() - 5, ".json") == 0)
+  if (endsWithIgnoringCase(std::string_view(in), ".json"))
     throw UsageError("JSON is written, not read: IN must be a log or a \".csv\" file");
   OpenLog log = requireLog(in, true);
   ODBView view = viewOfRows(*log.table, allRows(*log.table));

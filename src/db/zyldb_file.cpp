@@ -96,8 +96,7 @@ void reserveLines(TextFile& f, unsigned int lines, size_t bytes) {
 }
 
 bool endsWithCsv(const LightweightString<wchar_t>& name) {
-  std::wstring_view v = name.view();
-  return v.size() >= 4 && v.substr(v.size() - 4) == L".csv";
+  return zyl::logformat::isCsvName(name.view());
 }
 
 }  // namespace
