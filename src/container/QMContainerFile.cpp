@@ -13,18 +13,8 @@ namespace {
 constexpr const char* kCookieColumn = "Cookie";
 constexpr const wchar_t* kTmpSuffix = L".tmp";
 
-// True when `path` ends in `suffix` (lower-case ASCII), ignoring case.
 bool endsWithNoCase(const LightweightString<wchar_t>& path, const wchar_t* suffix) {
-  std::wstring_view p = path.view();
-  std::wstring_view s(suffix);
-  if (p.size() < s.size()) return false;
-  p.remove_prefix(p.size() - s.size());
-  for (size_t i = 0; i < s.size(); ++i) {
-    wchar_t c = p[i];
-    if (c >= L'A' && c <= L'Z') c = c - L'A' + L'a';
-    if (c != s[i]) return false;
-  }
-  return true;
+  return endsWithIgnoringCase(path.view(), std::wstring_view(suffix));
 }
 
 LightweightString<char> fromNullable(const char* s) { return LightweightString<char>(s ? s : ""); }

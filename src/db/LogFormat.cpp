@@ -102,6 +102,10 @@ DBFieldTypes::eType parseType(const char* s) {
   return DBFieldTypes::none;
 }
 
+bool isCsvName(std::wstring_view name) {
+  return name.size() >= 4 && name.substr(name.size() - 4) == L".csv";
+}
+
 int minWidth(const char* name) {
   if (!name) return kDefaultMinWidth;
   for (const MinWidth& m : kMinWidths)

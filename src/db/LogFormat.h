@@ -49,6 +49,10 @@ const char* writtenKeyword(DBFieldTypes::eType t);
 // single character taken as the code itself, else none.
 DBFieldTypes::eType parseType(const char* s);
 
+// Whether a file of this name is read as plain CSV: it ends in ".csv",
+// compared exactly (case included).
+bool isCsvName(std::wstring_view name);
+
 // The minimum display width of a column of that name (ignoring case);
 // kDefaultMinWidth for unlisted names and for null.
 int minWidth(const char* name);

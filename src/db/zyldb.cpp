@@ -481,6 +481,8 @@ DBFieldTypes::eType zyldb::get_fieldtype(unsigned int field) const { return get_
 
 int zyldb::get_fieldsize(unsigned int field) const {
   if (field >= numFields) return 0;
+  if (measuredWidths_ != nullptr && field < measuredWidths_->size())
+    return static_cast<int>((*measuredWidths_)[field]);
   size_t longest = 0;
   for (unsigned int i = 0; i < numRecords; ++i)
     longest = std::max(longest, cellOf(rows[i], field).size());

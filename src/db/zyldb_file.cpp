@@ -58,13 +58,16 @@ char* copyParamText(const char* s, size_t n) {
 // What saving needs to know of the rows, gathered in one pass over them
 // (reading a value's length touches the value, so passes are costly).
 struct RowsMeasure {
-  size_t lineBytes = 0;        // every row's line, unescaped, with its NUL
-  size_t taggedLineBytes = 0;  // the same for the tagged rows only
+  std::vector<size_t> longest;  // the longest value of each column
+  size_t longestValue = 0;      // the longest value of all
+  size_t lineBytes = 0;         // every row's line, unescaped, with its NUL
+  size_t taggedLineBytes = 0;   // the same for the tagged rows only
   unsigned int taggedRows = 0;
 };
 
-RowsMeasure measureRows(dbrecord* const* rows, unsigned int count) {
+RowsMeasure measureRows(dbrecord* const* rows, unsigned int count, unsigned int columns) {
   RowsMeasure m;
+  m.longest.assign(columns, 0);
   for (unsigned int r = 0; r < count; ++r) {
     const dbrecord* rec = rows[r];
     if (rec == nullptr) continue;
@@ -73,6 +76,8 @@ RowsMeasure measureRows(dbrecord* const* rows, unsigned int count) {
     for (unsigned int i = 0; i < fields; ++i) {
       const size_t size = rec->getField(static_cast<unsigned short>(i)).size();
       bytes += size;
+      if (i < columns && size > m.longest[i]) m.longest[i] = size;
+      if (size > m.longestValue) m.longestValue = size;
     }
     m.lineBytes += bytes;
     if (rec->getTag() != 0) {
@@ -91,8 +96,7 @@ void reserveLines(TextFile& f, unsigned int lines, size_t bytes) {
 }
 
 bool endsWithCsv(const LightweightString<wchar_t>& name) {
-  std::wstring_view v = name.view();
-  return v.size() >= 4 && v.substr(v.size() - 4) == L".csv";
+  return zyl::logformat::isCsvName(name.view());
 }
 
 }  // namespace
@@ -433,6 +437,15 @@ int writeRows(zyldb& table, TextFile& f, dbrecord* const* rows, unsigned int n, 
   return written;
 }
 
+// Lends a save's measured column widths to get_fieldsize for the while.
+struct MeasuredWidths {
+  const std::vector<size_t>*& slot;
+  MeasuredWidths(const std::vector<size_t>*& s, const std::vector<size_t>& w) : slot(s) {
+    slot = &w;
+  }
+  ~MeasuredWidths() { slot = nullptr; }
+};
+
 // Saves f and reports the end of the save when it succeeded.
 bool finishSave(const TextFile& f, const LightweightString<wchar_t>& name, Progress& progress) {
   if (!f.save(name, TextFile::eLF)) return false;
@@ -453,7 +466,7 @@ bool zyldb::refuseSave(const char* function, DBLoadError::SaveProblem problem, c
   return false;
 }
 
-bool zyldb::checkSavable(const char* function, dbrecord* const* list, unsigned int n) {
+bool zyldb::checkSavable(const char* function, size_t longestValue) {
   if (endsWithCsv(fileName)) {
     // A log written under a ".csv" name would load as CSV: such a name gets
     // CSV, and only when CSV holds the table as it is.
@@ -464,13 +477,10 @@ bool zyldb::checkSavable(const char* function, dbrecord* const* list, unsigned i
     return refuseSave(function, DBLoadError::badParameter, why);
   if (const char* why = zyl::logformat::columnsProblem(*this))
     return refuseSave(function, DBLoadError::badColumn, why);
-  for (unsigned int i = 0; i < n; ++i) {
-    if (list[i] == nullptr) continue;
-    if (numFields == 0)
-      return refuseSave(function, DBLoadError::noColumns, "rows without columns have no line");
-    if (!list[i]->fitsLineForm())
-      return refuseSave(function, DBLoadError::longValue, "a value is longer than 4095 bytes");
-  }
+  if (numFields == 0 && numRecords > 0)
+    return refuseSave(function, DBLoadError::noColumns, "rows without columns have no line");
+  if (longestValue > zyl::logformat::kMaxValueBytes)
+    return refuseSave(function, DBLoadError::longValue, "a value is longer than 4095 bytes");
   return true;
 }
 
@@ -509,8 +519,9 @@ int zyldb::saveCsv() {
 
 int zyldb::save_text() {
   if (endsWithCsv(fileName) && showTagsOnly == 0) return saveCsv();
-  if (!checkSavable("zyldb::save_text", rows, numRecords)) return 0;
-  const RowsMeasure measure = measureRows(rows, numRecords);
+  const RowsMeasure measure = measureRows(rows, numRecords, numFields);
+  if (!checkSavable("zyldb::save_text", measure.longestValue)) return 0;
+  MeasuredWidths widths(measuredWidths_, measure.longest);
   TextFile f;
   reserveLines(f, numRecords, measure.lineBytes);
   // A table without parameters still gets the magic line: a file needs it
@@ -524,8 +535,9 @@ int zyldb::save_text() {
 }
 
 int zyldb::save_text_without_header() {
-  if (!checkSavable("zyldb::save_text_without_header", rows, numRecords)) return 0;
-  const size_t lineBytes = measureRows(rows, numRecords).lineBytes;
+  const RowsMeasure measure = measureRows(rows, numRecords, 0);
+  if (!checkSavable("zyldb::save_text_without_header", measure.longestValue)) return 0;
+  const size_t lineBytes = measure.lineBytes;
   TextFile f;
   reserveLines(f, numRecords, lineBytes);
   save_params(f);
@@ -537,8 +549,9 @@ int zyldb::save_text_without_header() {
 }
 
 bool zyldb::save_tags() {
-  if (!checkSavable("zyldb::save_tags", rows, numRecords)) return false;
-  const RowsMeasure measure = measureRows(rows, numRecords);
+  const RowsMeasure measure = measureRows(rows, numRecords, numFields);
+  if (!checkSavable("zyldb::save_tags", measure.longestValue)) return false;
+  MeasuredWidths widths(measuredWidths_, measure.longest);
   TextFile f;
   reserveLines(f, measure.taggedRows, measure.taggedLineBytes);
   zyl::logformat::appendParamLines(f, paramsOf(*this), true);

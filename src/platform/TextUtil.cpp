@@ -30,6 +30,28 @@ inline bool isBlank(unsigned char c) { return c == ' ' || (c >= '\t' && c <= '\r
 
 }  // namespace
 
+namespace {
+
+template <typename Char>
+bool endsWithNoCase(std::basic_string_view<Char> s, std::basic_string_view<Char> suffix) {
+  if (s.size() < suffix.size()) return false;
+  s.remove_prefix(s.size() - suffix.size());
+  auto lower = [](Char c) { return c >= 'A' && c <= 'Z' ? static_cast<Char>(c + 32) : c; };
+  for (size_t i = 0; i < suffix.size(); ++i)
+    if (lower(s[i]) != lower(suffix[i])) return false;
+  return true;
+}
+
+}  // namespace
+
+bool endsWithIgnoringCase(std::string_view s, std::string_view suffix) {
+  return endsWithNoCase(s, suffix);
+}
+
+bool endsWithIgnoringCase(std::wstring_view s, std::wstring_view suffix) {
+  return endsWithNoCase(s, suffix);
+}
+
 // Walks both texts once. Runs of identical bytes are skipped in a tight
 // loop (the common case in a sort, where neighbours share prefixes); where
 // the texts differ, a digit run on both sides is compared by value from its

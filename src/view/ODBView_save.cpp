@@ -32,8 +32,7 @@ void writeHeader(const AssocList& params, zyldb* table, TextFile& f) {
 // view shows it (the same checks as the table's save).
 bool savable(const LightweightString<wchar_t>& name, const AssocList& params, zyldb* table,
              ODBViewRep& view, int count) {
-  const std::wstring_view n = name.view();
-  const char* why = n.size() >= 4 && n.substr(n.size() - 4) == L".csv"
+  const char* why = zyl::logformat::isCsvName(name.view())
                         ? "a name ending in \".csv\" is loaded as plain CSV"
                         : zyl::logformat::paramsProblem(paramsOf(params));
   if (!why) why = zyl::logformat::columnsProblem(*table);

@@ -591,3 +591,22 @@ TEST_F(ZyldbFileTest, HostileInputGetsAClearResult) {
   ASSERT_EQ(longLine->read_error_info(e), 1);
   EXPECT_EQ(e.code, DBLoadError::rowFieldCount);
 }
+
+namespace {
+
+// A table that reports its own column widths.
+class FixedWidths : public zyldb {
+ public:
+  using zyldb::zyldb;
+  int get_fieldsize(unsigned int field) const override { return 40 + static_cast<int>(field); }
+};
+
+}  // namespace
+
+TEST(ColumnHeader, WidthsComeFromAnOverridingGetFieldsize) {
+  FixedWidths t(columns({{"Name", 'a'}, {"B", 'a'}}));
+  t.setField(t.add_records(1), 0, LightweightString<char>("x"));
+  TextFile f;
+  t.save_column_header(f, false);
+  EXPECT_EQ(std::string(f.line(1), f.lineLength(1)), R"("40","41")");
+}

@@ -104,3 +104,12 @@ TEST(TextUtilTest, SplitIfModes) {
 }
 
 }  // namespace
+
+TEST(EndsWithIgnoringCase, FoldsAsciiLettersOnly) {
+  EXPECT_TRUE(endsWithIgnoringCase(std::string_view("clips.JSON"), ".json"));
+  EXPECT_TRUE(endsWithIgnoringCase(std::wstring_view(L"bin.bSG"), L"sg"));
+  EXPECT_TRUE(endsWithIgnoringCase(std::string_view("x"), ""));
+  EXPECT_FALSE(endsWithIgnoringCase(std::string_view("json"), ".json"));
+  EXPECT_FALSE(endsWithIgnoringCase(std::string_view("a.\xC3\x89"), ".\xC3\xA9"));
+  EXPECT_FALSE(endsWithIgnoringCase(std::string_view("a[json"), "{json"));
+}

@@ -427,6 +427,10 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   std::vector<int> timecodeFields_;
   time_t lastChange_ = 0;
   ProgressFn progress_;
+  // While a save writes its header: each column's longest value, measured
+  // in the save's one pass over the rows, from which get_fieldsize answers
+  // (an overriding get_fieldsize is still asked by the header writer).
+  const std::vector<size_t>* measuredWidths_ = nullptr;
 
  private:
   class CompiledQuery;  // the query prepared for one tag_matching_records
@@ -449,7 +453,7 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   // why; checkSavable is false when the file would not load back as the
   // table is.
   bool refuseSave(const char* function, DBLoadError::SaveProblem problem, const char* reason);
-  bool checkSavable(const char* function, dbrecord* const* list, unsigned int n);
+  bool checkSavable(const char* function, size_t longestValue);
   int saveCsv();
 };
 

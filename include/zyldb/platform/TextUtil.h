@@ -5,6 +5,7 @@
 #include <zyldb/export.h>
 #include <zyldb/platform/LightweightString.h>
 
+#include <string_view>
 #include <vector>
 
 // The default ordering of cell texts: case-insensitive (ASCII), with runs of
@@ -18,6 +19,11 @@ ZYLDB_EXPORT int strxcmp(const char* a, const char* b);
 // bytes below 0x80).
 ZYLDB_EXPORT bool isEssentiallyEmpty(const LightweightString<char>& s);
 ZYLDB_EXPORT bool isEssentiallyEmpty(const char* s);
+
+// True when `s` ends with `suffix`, ASCII letters compared ignoring case
+// (other characters exactly). Linear in the suffix's length.
+ZYLDB_EXPORT bool endsWithIgnoringCase(std::string_view s, std::string_view suffix);
+ZYLDB_EXPORT bool endsWithIgnoringCase(std::wstring_view s, std::wstring_view suffix);
 
 // ASCII lower-casing; other bytes are kept.
 ZYLDB_EXPORT LightweightString<char> toLower(const LightweightString<char>& s);
