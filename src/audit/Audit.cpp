@@ -316,7 +316,19 @@ bool survivesSave(const LightweightString<char>& value) {
   return !needsRoundTrip(value.view()) || survivesSaveSlow(value);
 }
 
-bool isHeaderWord(string_view firstValue) { return equalsIgnoringCase(trim(firstValue), "ZYLDB"); }
+bool isHeaderWord(string_view firstValue) {
+  if (!equalsIgnoringCase(trim(firstValue), "ZYLDB")) return false;
+  // Flagged only when the writer puts the word on the line as it is; a
+  // writer that escapes it keeps the row.
+  dbrecord out(1);
+  out.setField(0, LightweightString<char>(firstValue));
+  TextFile file;
+  out.write(file);
+  string_view line(file.line(0), file.lineLength(0));
+  size_t at = line.find_first_not_of(" \t\"");
+  return at != string_view::npos && line.size() >= at + 5 &&
+         equalsIgnoringCase(line.substr(at, 5), "ZYLDB");
+}
 
 }  // namespace detail
 
