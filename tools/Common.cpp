@@ -44,11 +44,12 @@ std::vector<int> requireColumns(const OpenLog& log, const std::string& commaList
   return columns;
 }
 
-bool tagColumnSays(const zyldb& table, unsigned int row) {
-  int column = table.get_fieldnum(LightweightString<char>("Tag"));
-  if (column < 0) return false;
-  return std::strtol(table.getField(row, static_cast<unsigned int>(column)).c_str(), nullptr, 10) !=
-         0;
+int tagColumnOf(const zyldb& table) { return table.get_fieldnum(LightweightString<char>("Tag")); }
+
+bool tagColumnSays(const zyldb& table, int tagColumn, unsigned int row) {
+  if (tagColumn < 0) return false;
+  return std::strtol(table.getField(row, static_cast<unsigned int>(tagColumn)).c_str(), nullptr,
+                     10) != 0;
 }
 
 std::vector<unsigned int> allRows(const zyldb& table) {

@@ -73,9 +73,11 @@ OpenLog requireLog(const std::string& path, bool forWriting, const OpenOptions& 
 int requireColumn(const OpenLog& log, const std::string& name);
 std::vector<int> requireColumns(const OpenLog& log, const std::string& commaList);
 
-// Whether raw row `row` is tagged by the table's "Tag" column (a non-zero
-// number); false for every row of a table without that column.
-bool tagColumnSays(const zyldb& table, unsigned int row);
+// The table's "Tag" column, or -1.
+int tagColumnOf(const zyldb& table);
+// Whether raw row `row` is tagged by the "Tag" column `tagColumn` (a
+// non-zero number); false for every row when `tagColumn` is -1.
+bool tagColumnSays(const zyldb& table, int tagColumn, unsigned int row);
 
 // Every raw row, in table order.
 std::vector<unsigned int> allRows(const zyldb& table);

@@ -99,13 +99,26 @@ void rtrimBlanks(std::string& line) {
 
 }  // namespace
 
+namespace {
+
+// Printable ASCII (blank to tilde) shows as it is, one column a byte.
+bool plainAscii(std::string_view text) {
+  for (char c : text)
+    if (c < 0x20 || c > 0x7E) return false;
+  return true;
+}
+
+}  // namespace
+
 size_t displayWidth(std::string_view text) {
+  if (plainAscii(text)) return text.size();
   size_t width = 0;
   for (size_t pos = 0; pos < text.size();) width += charWidth(decodeUtf8(text, pos));
   return width;
 }
 
 std::string displayText(std::string_view text) {
+  if (plainAscii(text)) return std::string(text);
   std::string out;
   out.reserve(text.size());
   for (size_t pos = 0; pos < text.size();) {
@@ -249,6 +262,8 @@ std::string renderCsv(const Grid& grid, size_t* quoted) {
 }
 
 std::string jsonString(std::string_view text) {
+  if (plainAscii(text) && text.find_first_of("\"\\") == std::string_view::npos)
+    return "\"" + std::string(text) + "\"";
   std::string out = "\"";
   for (size_t pos = 0; pos < text.size();) {
     char32_t cp = decodeUtf8(text, pos);

@@ -74,8 +74,9 @@ int runShow(const ParsedArgs& args) {
   std::vector<unsigned int> rows = filterRows(log, conditionGroups(log, args), fold);
   if (args.has("tagged")) {
     std::vector<unsigned int> tagged;
+    int tagColumn = tagColumnOf(table);
     for (unsigned int r : rows)
-      if (tagColumnSays(table, r)) tagged.push_back(r);
+      if (tagColumnSays(table, tagColumn, r)) tagged.push_back(r);
     rows.swap(tagged);
   }
   size_t matched = rows.size();
@@ -126,10 +127,10 @@ int runInfo(const ParsedArgs& args) {
                                             : std::string(formatName(log.format)))
             << "\n";
   std::cout << label("Records:") << table.get_num_records() << "\n";
-  if (table.get_fieldnum(LightweightString<char>("Tag")) >= 0) {
+  if (int tagColumn = tagColumnOf(table); tagColumn >= 0) {
     long tagged = 0;
     for (unsigned int r = 0; r < table.get_num_records(); ++r)
-      if (tagColumnSays(table, r)) ++tagged;
+      if (tagColumnSays(table, tagColumn, r)) ++tagged;
     std::cout << label("Tagged:") << tagged << " (by the \"Tag\" column)\n";
   } else {
     std::cout << label("Tagged:") << "0 (no \"Tag\" column)\n";
