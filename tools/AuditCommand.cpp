@@ -347,7 +347,20 @@ void HtmlPage::renderTimeline(const za::Timeline& t, const za::Report& r,
     step = static_cast<int64_t>(s) * t.timebase;
     if (span / step <= 8) break;
   }
-  for (int64_t f = (t0 / step + 1) * step; f < t1; f += step) {
+  // Ticks fall on round labels: the seconds of t0's label, rounded up.
+  std::string first = za::labelText(t0, t.timebase, t.dropFrame);
+  int64_t secs = std::atoi(first.substr(0, 2).c_str()) * 3600LL +
+                 std::atoi(first.substr(3, 2).c_str()) * 60 + std::atoi(first.substr(6, 2).c_str());
+  const int64_t stepSecs = step / t.timebase;
+  // At drop-frame, a minute not divisible by ten starts at its first label
+  // that exists.
+  auto skipped = [&](int64_t s) {
+    return t.dropFrame && s % 60 == 0 && s / 60 % 10 != 0 ? t.timebase / 15 : 0;
+  };
+  for (int64_t s = (secs / stepSecs + 1) * stepSecs;; s += stepSecs) {
+    int64_t f = za::labelFrame(static_cast<int>(s / 3600), static_cast<int>(s / 60 % 60),
+                               static_cast<int>(s % 60), skipped(s), t.timebase, t.dropFrame);
+    if (f >= t1) break;
     if (x(f) < left + 30 || x(f) > width - right - 30) continue;  // keep the labels inside
     out_ << "<line x1=\"" << num(x(f)) << "\" y1=\"18\" x2=\"" << num(x(f)) << "\" y2=\""
          << num(height - 4) << "\" stroke=\"#e1e4ea\"/>"

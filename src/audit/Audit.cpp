@@ -192,10 +192,7 @@ std::string impossibility(const Label& l, const Rate& r) {
 }
 
 int64_t frameOf(const Label& l, const Rate& r) {
-  int64_t minutes = l.h * 60 + l.m;
-  int64_t frames = (minutes * 60 + l.s) * r.timebase + l.f;
-  if (l.drop && r.dropFrame) frames -= dropPerMinute(r) * (minutes - minutes / 10);
-  return frames;
+  return labelFrame(l.h, l.m, l.s, l.f, r.timebase, l.drop && r.dropFrame);
 }
 
 bool labelsFit(const std::vector<Label>& labels, const Rate& r) {
@@ -319,7 +316,19 @@ bool survivesSave(const LightweightString<char>& value) {
   return !needsRoundTrip(value.view()) || survivesSaveSlow(value);
 }
 
-bool isHeaderWord(string_view firstValue) { return equalsIgnoringCase(trim(firstValue), "ZYLDB"); }
+bool isHeaderWord(string_view firstValue) {
+  if (!equalsIgnoringCase(trim(firstValue), "ZYLDB")) return false;
+  // Flagged only when the writer puts the word on the line as it is; a
+  // writer that escapes it keeps the row.
+  dbrecord out(1);
+  out.setField(0, LightweightString<char>(firstValue));
+  TextFile file;
+  out.write(file);
+  string_view line(file.line(0), file.lineLength(0));
+  size_t at = line.find_first_not_of(" \t\"");
+  return at != string_view::npos && line.size() >= at + 5 &&
+         equalsIgnoringCase(line.substr(at, 5), "ZYLDB");
+}
 
 }  // namespace detail
 
@@ -365,6 +374,13 @@ std::string durationText(int64_t frames, int timebase) {
       static_cast<unsigned long long>(secs / 60 % 60), static_cast<unsigned long long>(secs % 60),
       static_cast<unsigned long long>(f % static_cast<uint64_t>(timebase)));
   return sign + buf;
+}
+
+int64_t labelFrame(int hours, int minutes, int seconds, int frames, int timebase, bool dropFrame) {
+  const int64_t m = static_cast<int64_t>(hours) * 60 + minutes;
+  int64_t f = (m * 60 + seconds) * timebase + frames;
+  if (dropFrame) f -= (timebase / 15) * (m - m / 10);
+  return f;
 }
 
 std::string labelText(int64_t frame, int timebase, bool dropFrame) {

@@ -206,6 +206,12 @@ ZYLDB_EXPORT std::string durationText(int64_t frames, int timebase);
 // 60 frame timebase); the inverse of reading a label. Hours wrap at 24.
 ZYLDB_EXPORT std::string labelText(int64_t frame, int timebase, bool dropFrame);
 
+// The frame number of the label hours:minutes:seconds:frames at `timebase`
+// (drop-frame labels when `dropFrame`, at a 30 or 60 frame timebase); the
+// inverse of labelText for labels that exist.
+ZYLDB_EXPORT int64_t labelFrame(int hours, int minutes, int seconds, int frames, int timebase,
+                                bool dropFrame);
+
 // Lower-case names for output: "overlap", "gap", "reversed-range",
 // "missing-partner", "impossible-timecode", "impossible-keycode",
 // "keycode-mismatch", "duplicate-name", "duplicate-id", "unsavable-value";
