@@ -273,8 +273,7 @@ dbrecord::dbrecord(const dbrecord& other) {
 }
 
 dbrecord& dbrecord::operator=(const dbrecord& other) {
-  // Safe for self-assignment: set_field copies the text before the old value
-  // is released.
+  if (this == &other) return *this;
   setCount(other.count_);
   for (unsigned int i = 0; i < count_; ++i)
     set_field(static_cast<int>(i), other.fields_[i].c_str(), true);

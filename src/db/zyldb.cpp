@@ -57,6 +57,9 @@ const LightweightString<char>& cellOf(const dbrecord* rec, unsigned int field) {
   return rec->getField(static_cast<unsigned short>(field));
 }
 
+// The bytes of one slot of `rows`: the table keeps pointers to its records.
+constexpr size_t kRowSlotBytes = sizeof(dbrecord*);  // NOLINT(bugprone-sizeof-expression)
+
 }  // namespace
 
 // ---- Construction -----------------------------------------------------------
@@ -195,7 +198,7 @@ void zyldb::add_chunk() { growRows(capacity + kChunkRows); }
 
 void zyldb::growRows(unsigned int newCapacity) {
   zyl::Allocator& alloc = OS()->allocator();
-  const size_t bytes = size_t{newCapacity} * sizeof(dbrecord*);
+  const size_t bytes = size_t{newCapacity} * kRowSlotBytes;
   // capacity is raised only once both blocks have the new size.
   rows = static_cast<dbrecord**>(alloc.reallocate(rows, bytes));
   tagIndex = static_cast<dbrecord**>(alloc.reallocate(tagIndex, bytes));
@@ -266,7 +269,7 @@ int zyldb::insert_records(unsigned int first, unsigned int count) {
   }
   const unsigned int at = std::min(first, numRecords);
   if (count > 0) {
-    std::memmove(rows + at + count, rows + at, size_t{numRecords - at} * sizeof(dbrecord*));
+    std::memmove(rows + at + count, rows + at, size_t{numRecords - at} * kRowSlotBytes);
     for (unsigned int i = 0; i < count; ++i) rows[at + i] = fresh[i].release();
     numRecords += count;
   }
@@ -294,7 +297,7 @@ void zyldb::delete_records(unsigned int first, unsigned int count) {
   }
   for (unsigned int r = first; r < first + count; ++r) delete rows[r];
   std::memmove(rows + first, rows + first + count,
-               size_t{numRecords - first - count} * sizeof(dbrecord*));
+               size_t{numRecords - first - count} * kRowSlotBytes);
   numRecords -= count;
   clearIdCache();
   if (count == 0) return;

@@ -601,7 +601,8 @@ ODBView::ODBView(const ODBView& other) : rep_(other.rep_) {
   if (rep_) rep_->retainRep();
 }
 
-ODBView& ODBView::operator=(const ODBView& other) {
+// Retaining the other side first makes self-assignment safe.
+ODBView& ODBView::operator=(const ODBView& other) {  // NOLINT(bugprone-unhandled-self-assignment)
   if (other.rep_) other.rep_->retainRep();
   if (rep_) rep_->releaseRep();
   rep_ = other.rep_;

@@ -91,7 +91,7 @@ void ODBViewRep::fieldSpec(const char* text) {
     if (k >= 0) {
       std::unique_ptr<SExprRef> ref(new SExprRef(static_cast<uint32_t>(k), source()));
       fields_ = new SExpr(ref.get(), fields_);
-      ref.release();
+      static_cast<void>(ref.release());  // now owned by fields_
     } else {
       vorn_printf("Warning: ODBView::fieldSpec, non-existant fieldname \"%s\".\n", token);
     }

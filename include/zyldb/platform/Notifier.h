@@ -142,6 +142,9 @@ class ZYLDB_EXPORT Notifier : public virtual NotifierBase {
   Notifier();
   // A copy starts with no listeners of its own.
   Notifier(const Notifier&);
+  // Assignment keeps this notifier's own listeners (so self-assignment is a
+  // no-op too).
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment)
   Notifier& operator=(const Notifier&) { return *this; }
   ~Notifier() override;
 
