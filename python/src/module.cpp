@@ -9,6 +9,7 @@
 #include <zyldb/platform/TextUtil.h>
 #include <zyldb/version.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -519,7 +520,7 @@ record raises DeletedRecordError.)doc")
             r.locate();
             if (py::isinstance<py::str>(key)) {
               std::string name = key.cast<std::string>();
-              int c = name.empty() ? -1 : r.log->table->get_fieldnum(LightweightString<char>(name));
+              int c = columnNumber(*r.log->table, name);
               if (c < 0) return fallback;
               return cellOf(r, static_cast<unsigned int>(c));
             }
@@ -559,7 +560,7 @@ record raises DeletedRecordError.)doc")
              r.locate();
              if (!py::isinstance<py::str>(key)) return false;
              std::string name = key.cast<std::string>();
-             return !name.empty() && r.log->table->get_fieldnum(LightweightString<char>(name)) >= 0;
+             return columnNumber(*r.log->table, name) >= 0;
            })
       .def_property(
           "tag",
@@ -734,10 +735,15 @@ Releases the GIL.)doc")
             ChangeGuard guard(c);
             if (name.empty() || name.find('\0') != std::string::npos)
               throw py::value_error("a column needs a name");
-            if (c.table->get_fieldnum(LightweightString<char>(name)) >= 0)
+            if (columnNumber(*c.table, name) >= 0)
               throw py::value_error("the log already has a column \"" + name + "\"");
             DBFieldDesc d{LightweightString<char>(name), typeOf(type)};
             int col = c.table->addField(d);
+            if (columnNumber(*c.table, name) != col)
+              throw py::value_error(
+                  "the log cannot add a column named as a column renamed "
+                  "before (\"" +
+                  name + "\")");
             return columnTuple(*c.table, static_cast<unsigned int>(col));
           },
           py::arg("name"), py::arg("type") = "text",
@@ -757,7 +763,7 @@ Releases the GIL.)doc")
             int col = c.column(name);
             if (newName.empty() || newName.find('\0') != std::string::npos)
               throw py::value_error("a column needs a name");
-            int other = c.table->get_fieldnum(LightweightString<char>(newName));
+            int other = columnNumber(*c.table, newName);
             if (other >= 0 && other != col)
               throw py::value_error("the log already has a column \"" + newName + "\"");
             c.table->set_fieldname(static_cast<unsigned int>(col), newName.c_str());
@@ -931,6 +937,22 @@ A view keeps its log alive; after log.close() it raises ClosedError.)doc")
             return n;
           },
           "Deletes the records of the view's tagged rows from the log; returns how many.")
+      .def(
+          "remove",
+          [](ViewCore& v, const py::object& rows) {
+            ODBViewRep& rep = v.use();
+            ChangeGuard guard(*v.log);
+            std::vector<unsigned int> list = rowList(rows, rep.get_num_records(), "view");
+            std::sort(list.begin(), list.end());
+            list.erase(std::unique(list.begin(), list.end()), list.end());
+            for (auto it = list.rbegin(); it != list.rend(); ++it)
+              rep.remove(static_cast<int>(*it), 1);
+            v.log->changed();
+            v.log->raisePending();
+          },
+          py::arg("rows"),
+          "Drops a row or the rows of an iterable from this view only (and from the views "
+          "stacked on it); the log keeps the records.")
       .def(
           "view", [](const ViewP& v) { return newView(v->log, v); },
           "A new View stacked on this one, showing all its rows in its order, untagged.")
