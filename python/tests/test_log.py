@@ -270,3 +270,25 @@ def test_help_is_useful():
     assert "timecode" in zyldb.Log.sort.__doc__ and "label" in zyldb.Log.find.__doc__
     assert zyldb.Record.__doc__ and zyldb.View.__doc__ and zyldb.open.__doc__
     assert os.path.exists(os.path.join(os.path.dirname(zyldb.__file__), "__init__.pyi"))
+
+
+def test_quick_open_and_full_diagnosis_agree(tmp_path):
+    # A clean log opens the quick way; blank lines at the end change nothing.
+    lines = lines_of(CLIPS)
+    p = tmp_path / "trailing.log"
+    p.write_text("\n".join(lines) + "\n\n  \n", encoding="utf-8")
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")
+        assert zyldb.open(p).to_rows() == zyldb.open(CLIPS).to_rows()
+    # A blank line before the last records loses them: the full diagnosis says where.
+    p.write_text("\n".join(lines[:30] + [""] + lines[30:]) + "\n", encoding="utf-8")
+    with pytest.raises(zyldb.LoadError) as e:
+        zyldb.open(p)
+    assert e.value.line == 31 and "blank line" in str(e.value)
+    # An unknown column type loads as text with a warning.
+    typed = list(lines)
+    typed[4] = typed[4].replace('"numeric"', '"fancy"')
+    p.write_text("\n".join(typed) + "\n", encoding="utf-8")
+    with pytest.warns(zyldb.LoadWarning, match="fancy"):
+        log = zyldb.open(p)
+    assert len(log) == 36
