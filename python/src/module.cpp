@@ -11,6 +11,7 @@
 #include <unistd.h>
 #include <zyldb/platform/Logging.h>
 #include <zyldb/platform/Notifier.h>
+#include <zyldb/platform/TextFile.h>
 #include <zyldb/platform/TextUtil.h>
 #include <zyldb/version.h>
 
@@ -244,8 +245,9 @@ LogP newLog(const py::iterable& columns) {
 }
 
 // The number of lines of the file at `path` holding more than blanks, or -1
-// when it cannot be read. One pass over the mapped file.
-long nonBlankLines(const std::string& path) {
+// when it cannot be read; its first `keep` lines go to `head`. One pass over
+// the mapped file.
+long nonBlankLines(const std::string& path, size_t keep, std::vector<std::string>& head) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return -1;
   struct stat st;
@@ -267,6 +269,7 @@ long nonBlankLines(const std::string& path) {
   while (p < end) {
     const char* eol = static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
     if (!eol) eol = end;
+    if (head.size() < keep) head.emplace_back(p, static_cast<size_t>(eol - p));
     for (const char* c = p; c < eol; ++c)
       if (*c != ' ' && *c != '\t' && *c != '\r') {
         ++lines;
@@ -294,7 +297,22 @@ zyldb* openClean(const std::string& path) {
   // The parameter lines, then the terminator, widths, types and names lines.
   const long expected =
       static_cast<long>(table->getNumParams()) + 4 + static_cast<long>(table->get_num_records());
-  if (table->getNumParams() >= zyldb::kMaxParams || nonBlankLines(path) != expected) return nullptr;
+  const size_t typesLine = table->getNumParams() + 2;
+  std::vector<std::string> head;
+  if (table->getNumParams() >= zyldb::kMaxParams ||
+      nonBlankLines(path, typesLine + 1, head) != expected || head.size() <= typesLine)
+    return nullptr;
+  // A type keyword the library does not know is read as text; the
+  // diagnosis warns about it.
+  TextFile types;
+  types.appendLine(std::string_view(head[typesLine]));
+  types.currentLine = 0;
+  dbrecord keywords;
+  if (keywords.read(types) != static_cast<int>(table->get_num_fields())) return nullptr;
+  for (unsigned int c = 0; c < table->get_num_fields(); ++c)
+    if (zyldb_string_to_fieldtype(keywords.get_field(static_cast<unsigned short>(c))) ==
+        DBFieldTypes::none)
+      return nullptr;
   return table.release();
 }
 

@@ -287,7 +287,7 @@ def test_quick_open_and_full_diagnosis_agree(tmp_path):
     assert e.value.line == 31 and "blank line" in str(e.value)
     # An unknown column type loads as text with a warning.
     typed = list(lines)
-    typed[4] = typed[4].replace('"numeric"', '"fancy"')
+    typed[5] = typed[5].replace('"numeric"', '"fancy"')
     p.write_text("\n".join(typed) + "\n", encoding="utf-8")
     with pytest.warns(zyldb.LoadWarning, match="fancy"):
         log = zyldb.open(p)
