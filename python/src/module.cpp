@@ -21,6 +21,7 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 
 #include "LogFile.h"
 #include "core.h"
@@ -285,7 +286,8 @@ long nonBlankLines(const std::string& path, size_t keep, std::vector<std::string
 // of the file became a parameter, header or row line. Null when anything
 // else happened; the full diagnosis then reads the file again.
 zyldb* openClean(const std::string& path) {
-  if (zyl::cli::isCsvName(path)) return nullptr;
+  std::optional<zyl::cli::Format> format = zyl::cli::formatFromExtension(path);
+  if (format && *format != zyl::cli::Format::log) return nullptr;
   bool logged = false;
   zyl::LogSink previous = zyl::setLogSink([&logged](zyl::LogLevel, const char*) { logged = true; });
   std::unique_ptr<zyldb> table(new zyldb(fromUTF8(LightweightString<char>(path)), INT_MAX, true));
