@@ -15,7 +15,7 @@
 #include <memory>
 #include <string>
 
-#include "db/zyldb_sort_internal.h"
+#include "db/SortEngine.h"
 #include "view/ODBView_internal.h"
 
 namespace {
@@ -24,7 +24,6 @@ constexpr int kMinIndexCapacity = 20;
 
 // The state of the sort in progress; one sort at a time in the process.
 int gSortField = 0;
-ODBViewRep* gSortView = nullptr;
 
 // An index entry with its record looked up once, so that the comparison
 // does not ask the source for records on every call. `record` comes first:
@@ -310,7 +309,6 @@ void ODBViewRep::sort(int field, int order) {
   if (!src) return;
   gSortField = field;
   src->sortPrepare(field, order);
-  gSortView = this;
   if (count_ < 2) return;
   std::vector<dbrecord*> records(static_cast<size_t>(count_));
   bool missing = false;
