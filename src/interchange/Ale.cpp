@@ -131,6 +131,11 @@ std::unique_ptr<zyldb> readAle(std::string_view text, Error* err) {
     if (section == Section::Column && !haveColumns) {
       if (isBlankLine(line)) continue;
       detail::splitTabs(line, escapes, &names);
+      // Column names are C strings: each ends at a NUL, before it is mapped.
+      for (LightweightString<char>& name : names) {
+        const size_t nul = name.view().find('\0');
+        if (nul != std::string_view::npos) name = LightweightString<char>(name.c_str(), nul);
+      }
       while (!names.empty() && names.back().empty()) names.pop_back();
       if (names.size() > detail::kMaxColumns) {
         fail(err, at, 0, "more than 65535 columns");
