@@ -135,9 +135,8 @@ const char* const kKeywords[] = {"text",    "text_s",   "timecode",    "timecode
 }
 
 std::string typeKeyword(DBFieldTypes::eType type) {
-  for (const char* k : kKeywords)
-    if (zyldb_string_to_fieldtype(k) == type) return k;
-  return std::string(1, static_cast<char>(type));
+  const char* keyword = zyldb_fieldtype_to_string(type);
+  return keyword ? std::string(keyword) : std::string(1, static_cast<char>(type));
 }
 
 DBFieldTypes::eType typeOf(const std::string& keyword) {

@@ -45,6 +45,10 @@ extern std::mutex gLibraryLock;
 struct ClosedError {
   std::string message;
 };
+// Raised as zyldb.SaveError (an OSError).
+struct SaveError {
+  std::string message;
+};
 // Raised as zyldb.DeletedRecordError.
 struct DeletedRecordError {
   std::string message;
@@ -136,6 +140,15 @@ std::string typeKeyword(DBFieldTypes::eType type);
 // The type of a keyword or code; ValueError for anything else.
 DBFieldTypes::eType typeOf(const std::string& keyword);
 
+// A new LogCore owning `table` (which gets the first parameter of a log when
+// it has none), read from `path` ("" for none).
+std::shared_ptr<LogCore> adoptTable(zyldb* table, std::string path);
+
+// Raises zyldb.LoadError(message, path, line, [message]).
+[[noreturn]] void raiseLoadError(const std::string& message, const std::string& path, int line);
+
 void bindAll(py::module_& m);
+// The interchange readers and writers and the audit.
+void bindExtras(py::module_& m);
 
 }  // namespace zylpy

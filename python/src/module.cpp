@@ -27,10 +27,6 @@ using ViewP = std::shared_ptr<ViewCore>;
 // The Column named tuple, made once at import.
 py::handle gColumnType;
 
-struct SaveError {
-  std::string message;
-};
-
 // ---- Shared helpers ----------------------------------------------------------
 
 // A Python index (negative counts from the end) as a row of `n` rows.
@@ -212,18 +208,6 @@ py::list rowsOf(const ODBBase& src) {
 }
 
 // ---- Log ---------------------------------------------------------------------------
-
-LogP adoptTable(zyldb* table, std::string path) {
-  auto core = std::make_shared<LogCore>();
-  core->table = Qm::Ptr<zyldb>(table);
-  core->path = std::move(path);
-  // A log built in memory or read from comma-separated text has no
-  // parameters; the first one of a log file makes it saveable as a log.
-  const char* magic = core->table->get_param_val("ZYLDB");
-  if (magic == nullptr || *magic == '\0') core->table->add_param("ZYLDB", "Rev 1");
-  core->watchDeletions();
-  return core;
-}
 
 std::vector<DBFieldDesc> columnSpecs(const py::iterable& columns) {
   std::vector<DBFieldDesc> descs;
@@ -457,6 +441,18 @@ struct RowIterator {
 };
 
 }  // namespace
+
+std::shared_ptr<LogCore> adoptTable(zyldb* table, std::string path) {
+  auto core = std::make_shared<LogCore>();
+  core->table = Qm::Ptr<zyldb>(table);
+  core->path = std::move(path);
+  // A log built in memory or read from comma-separated text has no
+  // parameters; the first one of a log file makes it saveable as a log.
+  const char* magic = core->table->get_param_val("ZYLDB");
+  if (magic == nullptr || *magic == '\0') core->table->add_param("ZYLDB", "Rev 1");
+  core->watchDeletions();
+  return core;
+}
 
 void bindAll(py::module_& m) {
   m.doc() =
@@ -1006,4 +1002,7 @@ sys.unraisablehook). A callback may read the log but not change it.)doc")
 
 }  // namespace zylpy
 
-PYBIND11_MODULE(_zyldb, m) { zylpy::bindAll(m); }
+PYBIND11_MODULE(_zyldb, m) {
+  zylpy::bindAll(m);
+  zylpy::bindExtras(m);
+}

@@ -50,6 +50,14 @@ __all__ = [
     "SaveError",
     "ClosedError",
     "DeletedRecordError",
+    "read_csv",
+    "write_csv",
+    "read_tsv",
+    "write_tsv",
+    "read_ale",
+    "write_ale",
+    "Finding",
+    "AuditReport",
 ]
 
 _abc.Mapping.register(Record)
@@ -203,6 +211,129 @@ def _from_pandas(cls, df) -> Log:
     return log
 
 
+# ---- Interchange formats ------------------------------------------------------
+
+
+def read_csv(path, delimiter: str = ",", header: bool = True) -> Log:
+    """Reads comma-separated values (RFC 4180 quoting) into a new Log.
+
+    The first record names the columns (header=False names them "Column 1",
+    ...); values are kept exactly as the file holds them. Columns whose names
+    contain "start" or "end" are typed timecode, the others text. Raises
+    LoadError with the line for a malformed file. The log has no path: save
+    it with save(path). Releases the GIL while reading.
+    """
+    return _zyldb._read(_fspath(path), "csv", delimiter, header)
+
+
+def read_tsv(path) -> Log:
+    """Reads tab-separated values (backslash escapes) into a new Log, as read_csv."""
+    return _zyldb._read(_fspath(path), "tsv")
+
+
+def read_ale(path) -> Log:
+    """Reads an ALE clip log into a new Log: ALE columns are renamed and
+    typed as a log's (Tape -> "Reel", Start -> "Start time", ...), heading
+    entries become parameters (FPS, VIDEO_FORMAT, ...). LoadError with the
+    line for a malformed file."""
+    return _zyldb._read(_fspath(path), "ale")
+
+
+def write_csv(rows, path, delimiter: str = ",", header: bool = True, bom: bool = False,
+              crlf: bool = False, guard_formulas: bool = False) -> None:
+    """Writes a Log's or View's rows as comma-separated values, replacing
+    `path` in one step. Every value is carried exactly (read_csv gives them
+    back) unless guard_formulas quotes values a spreadsheet would evaluate.
+    Raises SaveError when the file cannot be written."""
+    _zyldb._write(rows, _fspath(path), "csv", dict(
+        delimiter=delimiter, header=header, bom=bom, crlf=crlf, guard_formulas=guard_formulas))
+
+
+def write_tsv(rows, path, crlf: bool = False) -> None:
+    """Writes a Log's or View's rows as tab-separated values (backslash escapes)."""
+    _zyldb._write(rows, _fspath(path), "tsv", dict(crlf=crlf))
+
+
+def write_ale(rows, path, fps=None, video_format=None, audio_format=None,
+              crlf: bool = False) -> None:
+    """Writes a Log's or View's rows as an ALE clip log. The heading's FPS,
+    VIDEO_FORMAT and AUDIO_FORMAT default to the log's parameters of those
+    names, else "24", "1080" and "48khz". SaveError when the rows cannot be
+    written (a column without a name) or the file cannot."""
+    _zyldb._write(rows, _fspath(path), "ale", dict(
+        fps=fps, video_format=video_format, audio_format=audio_format, crlf=crlf))
+
+
+# ---- Audit --------------------------------------------------------------------
+
+
+class Finding:
+    """One problem the audit found.
+
+    kind: "overlap", "gap", "reversed-range", "missing-partner",
+    "impossible-timecode", "impossible-keycode", "keycode-mismatch",
+    "duplicate-name", "duplicate-id" or "unsavable-value"; severity: "error",
+    "warning" or "info"; track: "", "picture" or "sound"; rows: the rows
+    concerned (of the log or view audited); lines: their file lines (0 when
+    unknown); cells: (row, column, value) triples; reel; frame and length on
+    the reel's timeline (-1 and 0 when not about a place); message: a
+    sentence for a person.
+    """
+
+    __slots__ = ("kind", "severity", "track", "rows", "lines", "cells", "reel", "frame",
+                 "length", "message")
+
+    def __init__(self, **fields):
+        for name in self.__slots__:
+            setattr(self, name, fields[name])
+
+    def __repr__(self):
+        where = f" line {self.lines[0]}" if self.lines and self.lines[0] else ""
+        return f"<zyldb.Finding {self.severity} {self.kind}{where}: {self.message}>"
+
+
+class AuditReport(list):
+    """The findings of log.audit() (a list of Finding), with the frame rates
+    used (picture, sound: dicts of name, timebase, drop_frame, how), notes on
+    what could not be checked, and to_pandas()."""
+
+    def __init__(self, result):
+        super().__init__(Finding(**f) for f in result["findings"])
+        self.picture = result["picture"]
+        self.sound = result["sound"]
+        self.notes = result["notes"]
+        self.rows = result["rows"]
+
+    def to_pandas(self):
+        """One row per finding: kind, severity, track, reel, frame, length,
+        first row, first line, rows, lines and message."""
+        import pandas as pd
+
+        return pd.DataFrame(
+            [{
+                "kind": f.kind, "severity": f.severity, "track": f.track, "reel": f.reel,
+                "frame": f.frame, "length": f.length,
+                "row": f.rows[0] if f.rows else -1,
+                "line": f.lines[0] if f.lines else 0,
+                "rows": list(f.rows), "lines": list(f.lines), "message": f.message,
+            } for f in self],
+            columns=["kind", "severity", "track", "reel", "frame", "length", "row", "line",
+                     "rows", "lines", "message"])
+
+
+def _audit(self, fps=None, gap=None) -> AuditReport:
+    """Checks the rows for what an editor would trip over: overlapping or
+    reversed timecode ranges, impossible timecodes and keycodes, keycode
+    lengths that disagree with durations, duplicate names and identifiers,
+    values a save would not give back, and gaps longer than `gap` seconds
+    (default 60; negative: none). `fps` ("23.976", "24", "25", "29.97", ...)
+    overrides the rate found in the parameters or inferred from the labels.
+    Findings carry file lines for a log read from a file. Releases the GIL."""
+    return AuditReport(_zyldb._audit(self, fps, gap))
+
+
+Log.audit = _audit
+View.audit = _audit
 Log.params = property(_params, doc=Params.__doc__)
 View.params = property(_params, doc=Params.__doc__)
 Log.from_rows = _from_rows

@@ -10,6 +10,7 @@
 #include <zyldb/view/ODBView.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -39,15 +40,6 @@ bool equalsIgnoringCase(string_view a, string_view b) {
   for (size_t i = 0; i < a.size(); ++i)
     if (lower(a[i]) != lower(b[i])) return false;
   return true;
-}
-
-bool lessIgnoringCase(string_view a, string_view b) {
-  size_t n = std::min(a.size(), b.size());
-  for (size_t i = 0; i < n; ++i) {
-    char x = lower(a[i]), y = lower(b[i]);
-    if (x != y) return static_cast<unsigned char>(x) < static_cast<unsigned char>(y);
-  }
-  return a.size() < b.size();
 }
 
 std::string twoDigits(int n) {
@@ -133,20 +125,52 @@ struct Label {
   uint8_t h = 0, m = 0, s = 0, f = 0;
 };
 
+}  // namespace
+
+namespace detail {
+
+// The plain rule: the platform's timecode parser.
+bool parseLabelSlow(const LightweightString<char>& text, LabelParts* out) {
+  time_def t(text.c_str(), eLabelTimecode);
+  if (!t.isValid()) return false;
+  *out = {t.hours(), t.minutes(), t.seconds(), t.frames(), t.isDropFrame()};
+  return true;
+}
+
+// The usual "HH:MM:SS:FF" (or ';' before the frames) read directly; any
+// other text goes to the plain rule.
+bool parseLabel(const LightweightString<char>& text, LabelParts* out) {
+  string_view v = text.view();
+  auto d = [&](size_t i) { return v[i] >= '0' && v[i] <= '9'; };
+  auto n = [&](size_t i) { return (v[i] - '0') * 10 + (v[i + 1] - '0'); };
+  if (v.size() == 11 && d(0) && d(1) && v[2] == ':' && d(3) && d(4) && v[5] == ':' && d(6) &&
+      d(7) && (v[8] == ':' || v[8] == ';') && d(9) && d(10)) {
+    int h = n(0), m = n(3), s = n(6), f = n(9);
+    if (h >= 24 || m >= 60 || s >= 60 || f >= 60) return false;
+    *out = {h, m, s, f, v[8] == ';'};
+    return true;
+  }
+  return parseLabelSlow(text, out);
+}
+
+}  // namespace detail
+
+namespace {
+
 Label parseLabel(const LightweightString<char>& text) {
   Label l;
   if (trim(text.view()).empty()) return l;
-  time_def t(text.c_str(), eLabelTimecode);
-  if (!t.isValid()) {
+  detail::LabelParts p;
+  if (!detail::parseLabel(text, &p)) {
     l.state = Label::Bad;
     return l;
   }
   l.state = Label::Good;
-  l.drop = t.isDropFrame();
-  l.h = static_cast<uint8_t>(t.hours());
-  l.m = static_cast<uint8_t>(t.minutes());
-  l.s = static_cast<uint8_t>(t.seconds());
-  l.f = static_cast<uint8_t>(t.frames());
+  l.drop = p.drop;
+  l.h = static_cast<uint8_t>(p.h);
+  l.m = static_cast<uint8_t>(p.m);
+  l.s = static_cast<uint8_t>(p.s);
+  l.f = static_cast<uint8_t>(p.f);
   return l;
 }
 
@@ -172,6 +196,12 @@ int64_t frameOf(const Label& l, const Rate& r) {
   int64_t frames = (minutes * 60 + l.s) * r.timebase + l.f;
   if (l.drop && r.dropFrame) frames -= dropPerMinute(r) * (minutes - minutes / 10);
   return frames;
+}
+
+bool labelsFit(const std::vector<Label>& labels, const Rate& r) {
+  for (const Label& l : labels)
+    if (l.state == Label::Good && !impossibility(l, r).empty()) return false;
+  return true;
 }
 
 Rate inferRate(const std::vector<Label>& a, const std::vector<Label>& b) {
@@ -251,9 +281,20 @@ Keycode parseKeycode(string_view text) {
 bool needsRoundTrip(string_view v) {
   if (v.empty()) return false;
   if (v.size() >= 4000 || isBlank(v.front()) || isBlank(v.back())) return true;
-  for (char c : v) {
-    unsigned char b = static_cast<unsigned char>(c);
-    if (b < 0x20 || b == 0x7F || c == '\\' || c == '"') return true;
+  // Eight bytes at a time: a byte below 0x20, 0x7F or a backslash.
+  constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+  auto hasZero = [](uint64_t x) { return ((x - kOnes) & ~x & kHigh) != 0; };
+  size_t i = 0;
+  for (; i + 8 <= v.size(); i += 8) {
+    uint64_t x;
+    std::memcpy(&x, v.data() + i, 8);
+    if (((x - kOnes * 0x20) & ~x & kHigh) != 0 || hasZero(x ^ (kOnes * 0x7F)) ||
+        hasZero(x ^ (kOnes * '\\')))
+      return true;
+  }
+  for (; i < v.size(); ++i) {
+    unsigned char b = static_cast<unsigned char>(v[i]);
+    if (b < 0x20 || b == 0x7F || b == '\\') return true;
   }
   return false;
 }
@@ -324,6 +365,24 @@ std::string durationText(int64_t frames, int timebase) {
       static_cast<unsigned long long>(secs / 60 % 60), static_cast<unsigned long long>(secs % 60),
       static_cast<unsigned long long>(f % static_cast<uint64_t>(timebase)));
   return sign + buf;
+}
+
+std::string labelText(int64_t frame, int timebase, bool dropFrame) {
+  if (timebase <= 0 || frame < 0) return durationText(frame, timebase);
+  const int drop = timebase / 15;
+  if (dropFrame && drop > 0) {
+    // Ten minutes hold 600 * timebase - 9 * drop frames; every minute but
+    // each tenth skips its first `drop` labels.
+    const int64_t perTen = 600LL * timebase - 9LL * drop, perMinute = 60LL * timebase - drop;
+    int64_t tens = frame / perTen, rest = frame % perTen;
+    frame += 9 * drop * tens + (rest < drop ? 0 : drop * ((rest - drop) / perMinute));
+  }
+  const int64_t secs = frame / timebase;
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%02d:%02d:%02d%c%02d", static_cast<int>(secs / 3600 % 24),
+                static_cast<int>(secs / 60 % 60), static_cast<int>(secs % 60),
+                dropFrame && drop > 0 ? ';' : ':', static_cast<int>(frame % timebase));
+  return buf;
 }
 
 const char* kindName(Kind kind) {
@@ -397,6 +456,7 @@ class Auditor {
     uint32_t reel;
     int64_t start, end;
     long row;
+    bool drop;
   };
 
   const LightweightString<char>& cell(long row, int column) const {
@@ -416,7 +476,17 @@ class Auditor {
   long lineOf(long row) const;
   Finding& add(Kind kind, Severity severity, Track track, std::vector<long> rows);
 
-  void readLabels(int column, std::vector<Label>& out);
+  // A name or identifier with a hash of its lower-cased text.
+  struct Value {
+    uint64_t hash;
+    string_view text;
+    long row;
+  };
+  // Reads every row once: the timecode labels, the names and identifiers,
+  // and whether each cell survives a save. One pass keeps each record's
+  // memory touched once, which is most of the audit's cost on large logs.
+  void gather();
+  void checkSaves(long row, const dbrecord& rec);
   void chooseRate(const std::string& option, const char* const* params, size_t count,
                   const std::vector<Label>& a, const std::vector<Label>& b, Rate* out);
   void checkTimecodes(Track track, int startCol, int endCol, const std::vector<Label>& starts,
@@ -424,8 +494,8 @@ class Auditor {
   void checkReels(Track track, std::vector<Placed>& clips, const std::vector<string_view>& reels,
                   const Rate& rate, int startCol, int endCol);
   void checkKeycodes();
-  void checkDuplicates(int column, Kind kind, Severity severity, const char* what);
-  void checkSaves();
+  void checkDuplicates(std::vector<Value>& values, int column, Kind kind, Severity severity,
+                       const char* what);
 
   ODBBase& src_;
   const Options& opt_;
@@ -436,6 +506,7 @@ class Auditor {
   int startCol_ = -1, endCol_ = -1, sndStartCol_ = -1, sndEndCol_ = -1;
   int kcStartCol_ = -1, kcEndCol_ = -1;
   std::vector<Label> starts_, ends_, sndStarts_, sndEnds_;
+  std::vector<Value> names_, ids_;
   // Picture ranges of the rows whose two timecodes are good and in order,
   // for the keycode check; -1 start when not.
   std::vector<int64_t> pictureStart_, pictureEnd_;
@@ -463,11 +534,40 @@ Finding& Auditor::add(Kind kind, Severity severity, Track track, std::vector<lon
   return f;
 }
 
-void Auditor::readLabels(int column, std::vector<Label>& out) {
-  out.clear();
-  if (column < 0) return;
-  out.resize(static_cast<size_t>(n_));
-  for (long r = 0; r < n_; ++r) out[static_cast<size_t>(r)] = parseLabel(cell(r, column));
+void Auditor::gather() {
+  auto sized = [this](int column, std::vector<Label>& out) {
+    if (column >= 0) out.resize(static_cast<size_t>(n_));
+  };
+  sized(startCol_, starts_);
+  sized(endCol_, ends_);
+  sized(sndStartCol_, sndStarts_);
+  sized(sndEndCol_, sndEnds_);
+  auto hashed = [](string_view v) {
+    uint64_t h = 14695981039346656037ull;
+    for (char c : v) h = (h ^ static_cast<unsigned char>(lower(c))) * 1099511628211ull;
+    return h;
+  };
+  for (long r = 0; r < n_; ++r) {
+    const dbrecord* rec = records_[static_cast<size_t>(r)];
+    if (rec == nullptr) continue;
+    const size_t i = static_cast<size_t>(r);
+    auto field = [rec](int column) -> const LightweightString<char>& {
+      return rec->getField(static_cast<unsigned short>(column));
+    };
+    if (startCol_ >= 0) starts_[i] = parseLabel(field(startCol_));
+    if (endCol_ >= 0) ends_[i] = parseLabel(field(endCol_));
+    if (sndStartCol_ >= 0) sndStarts_[i] = parseLabel(field(sndStartCol_));
+    if (sndEndCol_ >= 0) sndEnds_[i] = parseLabel(field(sndEndCol_));
+    if (nameCol_ >= 0) {
+      string_view v = trim(field(nameCol_).view());
+      if (!v.empty()) names_.push_back({hashed(v), v, r});
+    }
+    if (idCol_ >= 0) {
+      string_view v = trim(field(idCol_).view());
+      if (!v.empty()) ids_.push_back({hashed(v), v, r});
+    }
+    checkSaves(r, *rec);
+  }
 }
 
 void Auditor::chooseRate(const std::string& option, const char* const* params, size_t count,
@@ -522,14 +622,18 @@ void Auditor::run() {
   kcStartCol_ = findColumn(src_, {"start keycode"});
   kcEndCol_ = findColumn(src_, {"end keycode"});
 
-  readLabels(startCol_, starts_);
-  readLabels(endCol_, ends_);
-  readLabels(sndStartCol_, sndStarts_);
-  readLabels(sndEndCol_, sndEnds_);
+  gather();
   chooseRate(opt_.fps, kPictureRateParams, std::size(kPictureRateParams), starts_, ends_,
              &rep_.picture);
   chooseRate(opt_.soundFps.empty() ? opt_.fps : opt_.soundFps, kSoundRateParams,
              std::size(kSoundRateParams), sndStarts_, sndEnds_, &rep_.sound);
+  // Sound timecodes usually run at the picture's timebase; a handful of
+  // sound labels says little, so the picture rate is kept when they fit it.
+  if (rep_.sound.source == Rate::Source::Inferred && rep_.picture.timebase > 0 &&
+      labelsFit(sndStarts_, rep_.picture) && labelsFit(sndEnds_, rep_.picture)) {
+    rep_.sound = rep_.picture;
+    rep_.sound.how = "as the picture, which the sound labels fit";
+  }
 
   if (opt_.pulldownVideo > 0) {
     pulldownVideo_ = opt_.pulldownVideo;
@@ -570,9 +674,9 @@ void Auditor::run() {
     rep_.notes.push_back(
         "only one of start keycode and end keycode is present: keycodes are not "
         "checked");
-  if (nameCol_ >= 0) checkDuplicates(nameCol_, Kind::DuplicateName, Severity::Warning, "name");
-  if (idCol_ >= 0) checkDuplicates(idCol_, Kind::DuplicateId, Severity::Error, "identifier");
-  checkSaves();
+  if (nameCol_ >= 0)
+    checkDuplicates(names_, nameCol_, Kind::DuplicateName, Severity::Warning, "name");
+  if (idCol_ >= 0) checkDuplicates(ids_, idCol_, Kind::DuplicateId, Severity::Error, "identifier");
 
   // Findings on a reel first, by reel and place; then the others by row.
   std::stable_sort(rep_.findings.begin(), rep_.findings.end(),
@@ -601,6 +705,7 @@ void Auditor::checkTimecodes(Track track, int startCol, int endCol,
   std::vector<Placed> clips;
   std::vector<string_view> reelNames;
   std::unordered_map<string_view, uint32_t> reelIds;
+  uint32_t lastReel = 0;
   auto reelOf = [&](long row) -> string_view {
     return reelCol >= 0 ? trim(cell(row, reelCol).view()) : string_view();
   };
@@ -654,9 +759,14 @@ void Auditor::checkTimecodes(Track track, int startCol, int endCol,
     if (reelCol < 0) continue;
     string_view reel = reelOf(r);
     if (reel.empty()) continue;
-    auto [it, inserted] = reelIds.emplace(reel, static_cast<uint32_t>(reelNames.size()));
-    if (inserted) reelNames.push_back(reel);
-    clips.push_back({it->second, a, b, r});
+    // Rows of a reel usually follow each other: look the name up only when
+    // it changes.
+    if (reelNames.empty() || reel != reelNames[lastReel]) {
+      auto [it, inserted] = reelIds.emplace(reel, static_cast<uint32_t>(reelNames.size()));
+      if (inserted) reelNames.push_back(reel);
+      lastReel = it->second;
+    }
+    clips.push_back({lastReel, a, b, r, s.drop && rate.dropFrame});
   }
   if (reelCol >= 0) checkReels(track, clips, reelNames, rate, startCol, endCol);
 }
@@ -674,11 +784,14 @@ void Auditor::checkReels(Track track, std::vector<Placed>& clips,
   for (Placed& c : clips) c.reel = rank[c.reel];
   std::vector<string_view> byName(reels.size());
   for (uint32_t i = 0; i < order.size(); ++i) byName[i] = reels[order[i]];
-  std::sort(clips.begin(), clips.end(), [](const Placed& a, const Placed& b) {
+  auto before = [](const Placed& a, const Placed& b) {
     if (a.reel != b.reel) return a.reel < b.reel;
     if (a.start != b.start) return a.start < b.start;
     return a.row < b.row;
-  });
+  };
+  // Logs are mostly written in reel and time order: check before sorting.
+  if (!std::is_sorted(clips.begin(), clips.end(), before))
+    std::sort(clips.begin(), clips.end(), before);
   const int64_t gapLimit =
       opt_.gapSeconds < 0 ? -1
                           : static_cast<int64_t>(std::llround(opt_.gapSeconds * rate.timebase));
@@ -695,6 +808,7 @@ void Auditor::checkReels(Track track, std::vector<Placed>& clips,
         t.reel = std::string(byName[c.reel]);
         t.track = track;
         t.timebase = rate.timebase;
+        t.dropFrame = c.drop;
       }
       rep_.timelines.back().clips.push_back({c.row, c.start, c.end, clipName(c.row)});
     }
@@ -794,27 +908,32 @@ void Auditor::checkKeycodes() {
   }
 }
 
-void Auditor::checkDuplicates(int column, Kind kind, Severity severity, const char* what) {
-  std::vector<std::pair<string_view, long>> values;
-  values.reserve(static_cast<size_t>(n_));
-  for (long r = 0; r < n_; ++r) {
-    string_view v = trim(cell(r, column).view());
-    if (!v.empty()) values.emplace_back(v, r);
-  }
-  std::sort(values.begin(), values.end(), [](const auto& a, const auto& b) {
-    if (lessIgnoringCase(a.first, b.first)) return true;
-    if (lessIgnoringCase(b.first, a.first)) return false;
-    return a.second < b.second;
+void Auditor::checkDuplicates(std::vector<Value>& values, int column, Kind kind, Severity severity,
+                              const char* what) {
+  // Sorted by the hash first, so that texts are compared only where hashes
+  // are equal.
+  std::sort(values.begin(), values.end(), [](const Value& a, const Value& b) {
+    return a.hash != b.hash ? a.hash < b.hash : a.row < b.row;
   });
+  // Within a run of equal hashes, texts that differ (a collision) are moved
+  // behind the group of the first text, and become a run of their own.
   for (size_t i = 0; i < values.size();) {
-    size_t j = i + 1;
-    while (j < values.size() && equalsIgnoringCase(values[i].first, values[j].first)) ++j;
+    size_t run = i + 1;
+    while (run < values.size() && values[run].hash == values[i].hash) ++run;
+    size_t j = run == i + 1
+                   ? run
+                   : std::stable_partition(values.begin() + static_cast<std::ptrdiff_t>(i) + 1,
+                                           values.begin() + static_cast<std::ptrdiff_t>(run),
+                                           [&](const Value& v) {
+                                             return equalsIgnoringCase(v.text, values[i].text);
+                                           }) -
+                         values.begin();
     if (j - i > 1) {
       std::vector<long> rows;
-      for (size_t k = i; k < j; ++k) rows.push_back(values[k].second);
+      for (size_t k = i; k < j; ++k) rows.push_back(values[k].row);
       Finding& f = add(kind, severity, Track::None, rows);
       for (long r : rows) f.cells.push_back(cellOf(r, column));
-      f.message = std::string("the ") + what + " " + shown(values[i].first) + " is used by " +
+      f.message = std::string("the ") + what + " " + shown(values[i].text) + " is used by " +
                   std::to_string(j - i) + " rows";
       if (kind == Kind::DuplicateId && nameCol_ >= 0) {
         f.message += " (";
@@ -827,34 +946,30 @@ void Auditor::checkDuplicates(int column, Kind kind, Severity severity, const ch
   }
 }
 
-void Auditor::checkSaves() {
-  const unsigned int columns = src_.get_num_fields();
-  for (long r = 0; r < n_; ++r) {
-    const dbrecord* rec = records_[static_cast<size_t>(r)];
-    if (rec == nullptr) continue;
-    if (columns > 0 && detail::isHeaderWord(rec->getField(0).view())) {
-      Finding& f = add(Kind::UnsavableValue, Severity::Error, Track::None, {r});
-      f.cells.push_back(cellOf(r, 0));
-      f.message = clipName(r) + ": the " + src_.get_fieldname(0) +
-                  " value \"ZYLDB\" reads back as a header line: after a save the loader "
-                  "would drop this row and the two after it";
-    }
-    for (unsigned int c = 0; c < columns && c < rec->get_num_fields(); ++c) {
-      const LightweightString<char>& v = rec->getField(static_cast<unsigned short>(c));
-      if (detail::survivesSave(v)) continue;
-      Finding& f = add(Kind::UnsavableValue, Severity::Error, Track::None, {r});
-      f.cells.push_back(cellOf(r, static_cast<int>(c)));
-      dbrecord out(1), back(1);
-      out.setField(0, v);
-      TextFile file;
-      out.write(file);
-      file.currentLine = 0;
-      int count = back.read(file);
-      std::string after = count == 1 ? "\"" + shown(back.getField(0).view()) + "\""
-                                     : std::to_string(count) + " values";
-      f.message = clipName(r) + ": the " + src_.get_fieldname(c) + " value \"" + shown(v.view()) +
-                  "\" would come back from a save as " + after;
-    }
+void Auditor::checkSaves(long r, const dbrecord& rec) {
+  const unsigned int columns = std::min(src_.get_num_fields(), rec.get_num_fields());
+  if (columns > 0 && detail::isHeaderWord(rec.getField(0).view())) {
+    Finding& f = add(Kind::UnsavableValue, Severity::Error, Track::None, {r});
+    f.cells.push_back(cellOf(r, 0));
+    f.message = clipName(r) + ": the " + src_.get_fieldname(0) +
+                " value \"ZYLDB\" reads back as a header line: after a save the loader "
+                "would drop this row and the two after it";
+  }
+  for (unsigned int c = 0; c < columns; ++c) {
+    const LightweightString<char>& v = rec.getField(static_cast<unsigned short>(c));
+    if (detail::survivesSave(v)) continue;
+    Finding& f = add(Kind::UnsavableValue, Severity::Error, Track::None, {r});
+    f.cells.push_back(cellOf(r, static_cast<int>(c)));
+    dbrecord out(1), back(1);
+    out.setField(0, v);
+    TextFile file;
+    out.write(file);
+    file.currentLine = 0;
+    int count = back.read(file);
+    std::string after = count == 1 ? "\"" + shown(back.getField(0).view()) + "\""
+                                   : std::to_string(count) + " values";
+    f.message = clipName(r) + ": the " + src_.get_fieldname(c) + " value \"" + shown(v.view()) +
+                "\" would come back from a save as " + after;
   }
 }
 

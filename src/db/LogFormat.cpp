@@ -3,6 +3,10 @@
 #include "db/LogFormat.h"
 
 #include <strings.h>
+#include <zyldb/db/zyldb.h>
+#include <zyldb/platform/TextFile.h>
+
+#include <cstdio>
 
 namespace zyl::logformat {
 
@@ -103,6 +107,104 @@ int minWidth(const char* name) {
   for (const MinWidth& m : kMinWidths)
     if (strcasecmp(name, m.name) == 0) return m.width;
   return kDefaultMinWidth;
+}
+
+void appendFields(TextFile& f, const std::vector<std::string_view>& fields) {
+  size_t most = 0;
+  for (std::string_view v : fields) most += maxQuotedSize(v.size()) + 1;
+  TextFile::LineBuilder line(f);
+  char* const start = line.extend(most);
+  char* out = start;
+  for (size_t i = 0; i < fields.size(); ++i) {
+    if (i) *out++ = ',';
+    out = writeQuoted(out, fields[i], i == 0);
+  }
+  line.shrink(most - static_cast<size_t>(out - start));
+  line.finish();
+}
+
+namespace {
+
+bool isMagic(std::string_view name) {
+  return name.size() == kMagicNameLength && strncasecmp(name.data(), kMagicName, name.size()) == 0;
+}
+
+bool startsBlank(std::string_view s) {
+  return !s.empty() && (s[0] == ' ' || (s[0] >= '\t' && s[0] <= '\r'));
+}
+
+}  // namespace
+
+void appendParamLines(TextFile& f, const std::vector<Param>& params, bool magicFirst) {
+  std::string field;
+  if (magicFirst && (params.empty() || !isMagic(params[0].name))) {
+    char rev[32];
+    std::snprintf(rev, sizeof rev, "%s:Rev %d", kMagicName, kCurrentRevision);
+    appendFields(f, {rev});
+  }
+  for (const Param& p : params) {
+    field.assign(p.name);
+    field += ':';
+    field += p.value;
+    appendFields(f, {field});
+  }
+}
+
+const char* paramsProblem(const std::vector<Param>& params) {
+  for (size_t i = 0; i < params.size(); ++i) {
+    const Param& p = params[i];
+    if (p.name.empty() || p.name.find(':') != std::string_view::npos)
+      return "a parameter name is empty or holds a colon";
+    if (startsBlank(p.name) || startsBlank(p.value))
+      return "a parameter name or value begins with white space";
+    if (i > 0 && isMagic(p.name)) return "a parameter other than the first is named ZYLDB";
+    if (p.name.size() + 1 + p.value.size() > kMaxValueBytes)
+      return "a parameter is longer than 4095 bytes";
+  }
+  return nullptr;
+}
+
+void appendColumnHeader(TextFile& f, const zyldb& table, bool namesOnly) {
+  const unsigned int n = table.get_num_fields();
+  std::vector<std::string_view> fields(n);
+  if (!namesOnly) {
+    f.appendLine(std::string_view("\"ZYLDB\""));
+    std::vector<std::string> widths(n);
+    for (unsigned int i = 0; i < n; ++i) {
+      const int size = table.get_fieldsize(i);
+      const int minimum = minWidth(table.get_fieldname(i));
+      widths[i] = std::to_string(size > minimum ? size : minimum);
+      fields[i] = widths[i];
+    }
+    appendFields(f, fields);
+    std::vector<char> codes(n);
+    for (unsigned int i = 0; i < n; ++i) {
+      const DBFieldTypes::eType type = table.get_field_type(i);
+      if (const char* keyword = writtenKeyword(type)) {
+        fields[i] = keyword;
+      } else {
+        codes[i] = static_cast<char>(type);
+        fields[i] = std::string_view(&codes[i], 1);
+      }
+    }
+    appendFields(f, fields);
+  }
+  for (unsigned int i = 0; i < n; ++i) fields[i] = table.get_fieldname(i);
+  appendFields(f, fields);
+}
+
+const char* columnsProblem(const zyldb& table) {
+  for (unsigned int i = 0; i < table.get_num_fields(); ++i) {
+    if (std::string_view(table.get_fieldname(i)).size() > kMaxValueBytes)
+      return "a column name is longer than 4095 bytes";
+    const DBFieldTypes::eType type = table.get_field_type(i);
+    if (writtenKeyword(type) == nullptr) {
+      const char code[2] = {static_cast<char>(type), 0};
+      if (type < 0 || type > 0xFF || parseType(code) != type)
+        return "a column type has no written form that reads back";
+    }
+  }
+  return nullptr;
 }
 
 }  // namespace zyl::logformat

@@ -13,6 +13,10 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+class TextFile;
+class zyldb;
 
 namespace zyl::logformat {
 
@@ -23,6 +27,8 @@ inline constexpr size_t kMagicNameLength = sizeof kMagicName - 1;
 inline constexpr int kCurrentRevision = 1;
 // Records hold at most this many fields, so a wider file cannot be a table.
 inline constexpr unsigned int kMaxColumns = 0xFFFF;
+// The longest value a line can hold (the reader's limit).
+inline constexpr size_t kMaxValueBytes = 4095;
 // The width written for a column whose name has no listed minimum.
 inline constexpr int kDefaultMinWidth = 4;
 
@@ -46,6 +52,44 @@ DBFieldTypes::eType parseType(const char* s);
 // The minimum display width of a column of that name (ignoring case);
 // kDefaultMinWidth for unlisted names and for null.
 int minWidth(const char* name);
+
+// Writes `v` as one quoted field at `out` and returns the end; `out` must
+// have room for maxQuotedSize(v.size()) bytes. A quote is doubled, a line
+// feed written as \n; a carriage return, a NUL, a backslash before 'n',
+// blanks at either end and, in a line's first field, the first letter of a
+// value spelled as the terminator are written as "xHH (a quote, 'x', two hex
+// digits), which the reader decodes inside quotes. Lives beside the reader
+// (dbrecord.cpp).
+char* writeQuoted(char* out, std::string_view v, bool firstField);
+size_t maxQuotedSize(size_t n);
+
+// Appends one line of quoted fields (writeQuoted each).
+void appendFields(TextFile& f, const std::vector<std::string_view>& fields);
+
+// ---- Parameter lines ----------------------------------------------------------
+
+struct Param {
+  std::string_view name;
+  std::string_view value;
+};
+// Appends one line per parameter ("name:value" as one quoted field). With
+// `magicFirst`, a list that does not begin with the magic parameter gets the
+// magic line "ZYLDB:Rev 1" first, without which a file does not load.
+void appendParamLines(TextFile& f, const std::vector<Param>& params, bool magicFirst);
+// Why these parameters would not read back as they are (a name with a colon
+// or a leading blank, a value with a leading blank, a line too long, a
+// second magic name), or null when they would.
+const char* paramsProblem(const std::vector<Param>& params);
+
+// ---- Column header -------------------------------------------------------------
+
+// Appends the terminator, widths, types and names lines of `table`'s columns
+// (only the names line with `namesOnly`). A column's width is the larger of
+// the table's get_fieldsize and its name's minimum width.
+void appendColumnHeader(TextFile& f, const zyldb& table, bool namesOnly);
+// Why the columns would not read back (a name too long, a type code that
+// reads back as another), or null.
+const char* columnsProblem(const zyldb& table);
 
 // A progress reporter over a byte count: calls `fn` (when set) at most once
 // per kStep bytes and once from finish(). Cheap when no function is set.

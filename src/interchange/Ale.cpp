@@ -63,13 +63,29 @@ const ColumnMapping* byLibraryName(std::string_view name) {
   return nullptr;
 }
 
-// Whether any of `names` but the one at `except` is `name`, ignoring case.
-template <class Names, class Get>
-bool nameTaken(const Names& names, size_t except, std::string_view name, Get get) {
-  for (size_t i = 0; i < names.size(); ++i)
-    if (i != except && same(get(names[i]), name)) return true;
-  return false;
-}
+constexpr size_t kMappings = sizeof(kMapping) / sizeof(kMapping[0]);
+
+// How many of a file's or table's column names are each mapping entry's ALE
+// name and library name (ignoring case). One pass per entry keeps the
+// renaming linear in the number of columns.
+struct NameCounts {
+  size_t ale[kMappings] = {};
+  size_t library[kMappings] = {};
+
+  template <class Names>
+  explicit NameCounts(const Names& names) {
+    for (const auto& n : names) {
+      const std::string_view v(n.data(), n.size());
+      for (size_t i = 0; i < kMappings; ++i) {
+        ale[i] += same(v, kMapping[i].ale);
+        library[i] += same(v, kMapping[i].library);
+      }
+    }
+  }
+  static size_t index(const ColumnMapping* m) { return static_cast<size_t>(m - kMapping); }
+};
+
+bool renames(const ColumnMapping& m) { return !same(m.ale, m.library); }
 
 std::string_view trimBlanks(std::string_view s) {
   while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
@@ -89,6 +105,13 @@ constexpr const char* kDelim = "FIELD_DELIM";
 // from elsewhere (Windows paths such as "D:\new") read as they are.
 constexpr const char* kEscapes = "ESCAPES";
 constexpr const char* kBackslash = "BACKSLASH";
+
+// The entries the writer puts in the heading itself, and the log's magic
+// parameter: a table's parameters of these names are not written again.
+bool isHeadingSetting(std::string_view key) {
+  return same(key, "ZYLDB") || same(key, kDelim) || same(key, kEscapes) || same(key, kVideo) ||
+         same(key, kAudio) || same(key, kFps);
+}
 
 }  // namespace
 
@@ -144,7 +167,9 @@ std::unique_ptr<zyldb> readAle(std::string_view text, Error* err) {
       // written by hand).
       size_t split = line.find('\t');
       if (split == std::string_view::npos) split = line.find(' ');
-      const std::string_view key = trimBlanks(line.substr(0, split));
+      // Parameters are C strings: a key ends at a NUL, before it is trimmed.
+      std::string_view key = line.substr(0, split);
+      key = trimBlanks(key.substr(0, key.find('\0')));
       const std::string_view value =
           split == std::string_view::npos ? std::string_view() : line.substr(split + 1);
       if (key.empty() || same(key, "ZYLDB")) continue;  // "ZYLDB" is the log's magic
@@ -186,10 +211,10 @@ std::unique_ptr<zyldb> readAle(std::string_view text, Error* err) {
   // A known ALE name becomes the library's name unless another column of the
   // file already has that name (then it stays, so no two columns collide).
   // Names the two share keep the file's spelling.
-  const auto view = [](const LightweightString<char>& s) { return s.view(); };
+  const NameCounts counts(names);
   for (size_t c = 0; c < names.size(); ++c) {
     const ColumnMapping* m = byAleName(names[c].view());
-    if (m && !same(m->ale, m->library) && !nameTaken(names, c, m->library, view))
+    if (m && renames(*m) && counts.library[NameCounts::index(m)] == 0)
       builder.addColumn(m->library, m->type);
     else
       builder.addColumn(names[c].view(), m ? m->type : DBFieldTypes::text);
@@ -260,8 +285,21 @@ bool writeAle(const ODBBase& rows, const AleOptions& options, const Sink& sink, 
   const auto setting = [&](const std::string& given, const char* key, const char* fallback) {
     if (!given.empty()) return std::string_view(given);
     const char* p = rows.get_param_val(key);
-    return std::string_view(p && *p ? p : fallback);
+    return std::string_view(p ? p : fallback);
   };
+  // The reader makes each heading entry a parameter, so the heading may hold
+  // no more entries than a table holds parameters.
+  if (table) {
+    size_t others = 0;
+    for (unsigned int i = 0; i < table->getNumParams(); ++i)
+      others += !isHeadingSetting(table->getParamName(i));
+    if (others + 3 > zyldb::kMaxParams - 1)
+      return fail(err, 0, 0,
+                  "the table has " + std::to_string(others) +
+                      " parameters besides FPS, VIDEO_FORMAT and AUDIO_FORMAT; an ALE heading "
+                      "read back holds at most " +
+                      std::to_string(zyldb::kMaxParams - 4));
+  }
   out.put("Heading");
   out.put(eol);
   entry(kDelim, "TABS");
@@ -272,9 +310,7 @@ bool writeAle(const ODBBase& rows, const AleOptions& options, const Sink& sink, 
   if (table) {
     for (unsigned int i = 0; i < table->getNumParams(); ++i) {
       const std::string_view key = table->getParamName(i);
-      if (same(key, "ZYLDB") || same(key, kDelim) || same(key, kEscapes) || same(key, kVideo) ||
-          same(key, kAudio) || same(key, kFps))
-        continue;
+      if (isHeadingSetting(key)) continue;
       entry(key, table->getParamValue(i));
     }
   }
@@ -285,13 +321,13 @@ bool writeAle(const ODBBase& rows, const AleOptions& options, const Sink& sink, 
   // is renamed, and only when no other column could be mistaken for either
   // name, so that reading the file back gives every column its name again,
   // case included.
-  const auto asIs = [](std::string_view s) { return s; };
+  const NameCounts counts(names);
   for (unsigned int c = 0; c < columns; ++c) {
     if (c) out.put('\t');
     const ColumnMapping* m = byLibraryName(names[c]);
-    const bool rename = m && names[c] == m->library && !same(m->ale, m->library) &&
-                        !nameTaken(names, c, m->ale, asIs) &&
-                        !nameTaken(names, c, m->library, asIs);
+    const bool rename = m && names[c] == m->library && renames(*m) &&
+                        counts.ale[NameCounts::index(m)] == 0 &&
+                        counts.library[NameCounts::index(m)] == 1;
     put(rename ? std::string_view(m->ale) : names[c]);
   }
   out.put(eol);

@@ -231,7 +231,14 @@ bool writeCsv(const ODBBase& rows, const CsvOptions& options, const Sink& sink, 
   if (columns == 0) return true;
   detail::Output out(sink);
   const std::string_view eol = options.crlf ? "\r\n" : "\n";
-  if (options.bom) out.put("\xEF\xBB\xBF");
+  // Readers drop one leading byte-order mark; a first field that begins
+  // with one gets another in front, so that it keeps its own.
+  const unsigned int n = rows.get_num_records();
+  const LightweightString<char> firstField =
+      options.header ? LightweightString<char>(rows.get_fieldname(0))
+                     : (n ? rows.getField(0, 0) : LightweightString<char>());
+  if (options.bom || (detail::bomLength(firstField.view()) && (options.header || n)))
+    out.put("\xEF\xBB\xBF");
   // Names are written unguarded: they are the header, not cells.
   CsvOptions names = options;
   names.guardFormulas = false;
@@ -242,7 +249,6 @@ bool writeCsv(const ODBBase& rows, const CsvOptions& options, const Sink& sink, 
     }
     out.put(eol);
   }
-  const unsigned int n = rows.get_num_records();
   for (unsigned int r = 0; r < n; ++r) {
     for (unsigned int c = 0; c < columns; ++c) {
       if (c) out.put(options.delimiter);

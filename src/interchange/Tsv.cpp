@@ -51,6 +51,9 @@ bool writeTsv(const ODBBase& rows, const TsvOptions& options, const Sink& sink, 
   if (columns == 0) return true;
   detail::Output out(sink);
   const std::string_view eol = options.crlf ? "\r\n" : "\n";
+  // The reader drops one leading byte-order mark; a first name that begins
+  // with one gets another in front, so that it keeps its own.
+  if (detail::bomLength(rows.get_fieldname(0))) out.put("\xEF\xBB\xBF");
   for (unsigned int c = 0; c < columns; ++c) {
     if (c) out.put('\t');
     detail::encodeEscapes(rows.get_fieldname(c), out);

@@ -160,7 +160,9 @@ class PosixFileService final : public FileService {
     out->clear();
     std::string p = utf8Path(path);
     int fd;
-    do fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC);
+    // O_NONBLOCK: opening a FIFO without a writer would wait for one. It
+    // changes nothing for the regular files that are read.
+    do fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     while (fd < 0 && errno == EINTR);
     if (fd < 0) return recordError(errno);
     struct stat st;
@@ -244,6 +246,11 @@ class PosixFileService final : public FileService {
   bool exists(const LightweightString<wchar_t>& path) override {
     struct stat st;
     return ::stat(utf8Path(path).c_str(), &st) == 0;
+  }
+
+  bool isRegularFile(const LightweightString<wchar_t>& path) override {
+    struct stat st;
+    return ::stat(utf8Path(path).c_str(), &st) == 0 && S_ISREG(st.st_mode);
   }
 
   bool isDirectory(const LightweightString<wchar_t>& path) override {

@@ -27,15 +27,20 @@ void TextFile::clear() {
 
 bool TextFile::load(const LightweightString<wchar_t>& name, char separator, bool) {
   clear();
-  if (!OS()->fileService().readFile(name, &buf_)) {
+  notRegular_ = false;
+  zyl::FileService& fs = OS()->fileService();
+  if (!fs.readFile(name, &buf_)) {
     buf_.clear();
+    notRegular_ = fs.exists(name) && !fs.isRegularFile(name);
     return false;
   }
   // Split in place: each line moves down over the line ends removed before
-  // it (nothing moves in an LF file) and gets a NUL after it.
+  // it (nothing moves in an LF file) and gets a NUL after it. A UTF-8
+  // byte-order mark is skipped like a removed line end.
   const size_t size = buf_.size();
   char* b = buf_.data();
   size_t read = 0, write = 0;
+  if (size >= 3 && std::memcmp(b, "\xEF\xBB\xBF", 3) == 0) read = 3;
   while (read < size) {
     const char* sep = static_cast<const char*>(std::memchr(b + read, separator, size - read));
     size_t end = sep ? static_cast<size_t>(sep - b) : size;

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "audit/Audit_internal.h"
@@ -429,6 +430,74 @@ TEST(AuditText, Names) {
   EXPECT_TRUE(parseRate("25fps", &r));
   EXPECT_EQ(r.timebase, 25);
   EXPECT_FALSE(parseRate("29", &r));
+}
+
+}  // namespace
+}  // namespace zyl::audit
+
+namespace zyl::audit {
+namespace {
+
+// The direct reading of "HH:MM:SS:FF" must agree with the platform parser.
+TEST(AuditLabels, FastParseAgreesWithTimeDef) {
+  std::vector<std::string> texts = {
+      "01:00:00:00", "23:59:59;29", "24:00:00:00", "00:60:00:00",  "00:00:60:00",
+      "00:00:00:60", "00:00:00:59", "1:00:00:00",  " 01:00:00:00", "01:00:00,10",
+      "01.00.00.10", "01000010D",   "0a:00:00:00", "01:00:00:0",   "",
+      "99:99:99:99"};
+  unsigned seed = 3;
+  const char digits[] = "0123456789:;";
+  for (int i = 0; i < 3000; ++i) {
+    std::string t;
+    for (int k = 0; k < 11; ++k) {
+      seed = seed * 1103515245u + 12345u;
+      t.push_back(k == 2 || k == 5 || k == 8 ? digits[10 + (seed >> 16) % 2]
+                                             : digits[(seed >> 16) % 10]);
+    }
+    texts.push_back(t);
+  }
+  for (const std::string& t : texts) {
+    LightweightString<char> s{std::string_view(t)};
+    detail::LabelParts a, b;
+    bool fast = detail::parseLabel(s, &a), slow = detail::parseLabelSlow(s, &b);
+    ASSERT_EQ(fast, slow) << t;
+    if (!fast) continue;
+    EXPECT_EQ(std::tie(a.h, a.m, a.s, a.f, a.drop), std::tie(b.h, b.m, b.s, b.f, b.drop)) << t;
+  }
+}
+
+}  // namespace
+}  // namespace zyl::audit
+
+namespace zyl::audit {
+namespace {
+
+// Frame numbers and labels both ways, around the drop-frame minute rollover
+// and at 59.94.
+TEST(AuditLabels, LabelTextInvertsTheFrameCount) {
+  struct Case {
+    int64_t frame;
+    int timebase;
+    bool drop;
+    const char* label;
+  } cases[] = {
+      {1799, 30, true, "00:00:59;29"},   {1800, 30, true, "00:01:00;02"},
+      {17981, 30, true, "00:09:59;29"},  {17982, 30, true, "00:10:00;00"},
+      {107892, 30, true, "01:00:00;00"}, {3599, 60, true, "00:00:59;59"},
+      {3600, 60, true, "00:01:00;04"},   {90000, 25, false, "01:00:00:00"},
+      {86399, 24, false, "00:59:59:23"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(labelText(c.frame, c.timebase, c.drop), c.label);
+  // Every label of the first eleven minutes at 29.97 drop-frame reads back
+  // as the frame it was made from.
+  LightweightString<char> text;
+  for (int64_t f = 0; f < 11 * 1800; ++f) {
+    std::string l = labelText(f, 30, true);
+    detail::LabelParts p;
+    ASSERT_TRUE(detail::parseLabel(LightweightString<char>(l), &p)) << l;
+    int64_t minutes = p.h * 60 + p.m;
+    ASSERT_EQ((minutes * 60 + p.s) * 30 + p.f - 2 * (minutes - minutes / 10), f) << l;
+  }
 }
 
 }  // namespace

@@ -287,6 +287,36 @@ TEST(Ale, Errors) {
       *makeTable({}, {}), {}, [](std::string_view) { return true; }, &err));
 }
 
+TEST(Formats, RegressionsFoundByFuzzing) {
+  // A first name beginning with a byte-order mark keeps it: the writers put
+  // another in front for the reader to drop.
+  const std::string bom = "\xEF\xBB\xBF";
+  auto t = makeTable({bom + "x", "y"}, {{bom, ""}});
+  Error err;
+  auto csv = readCsv(toCsv(*t), {}, &err);
+  ASSERT_TRUE(csv) << err.message;
+  EXPECT_EQ(namesOf(*csv), namesOf(*t));
+  CsvOptions noHeader;
+  noHeader.header = false;
+  auto csvRows = readCsv(toCsv(*t, noHeader), noHeader, &err);
+  ASSERT_TRUE(csvRows) << err.message;
+  EXPECT_EQ(rowsOf(*csvRows), rowsOf(*t));
+  auto tsv = readTsv(toTsv(*t), &err);
+  ASSERT_TRUE(tsv) << err.message;
+  EXPECT_EQ(namesOf(*tsv), namesOf(*t));
+  // An empty FPS parameter stays empty instead of taking the default.
+  auto ale = readAle("Heading\nFPS\t\nColumn\nName\nData\n", &err);
+  ASSERT_TRUE(ale) << err.message;
+  auto again = readAle(toAle(*ale), &err);
+  ASSERT_TRUE(again) << err.message;
+  EXPECT_STREQ(again->get_param_val("FPS"), "");
+  // A heading key ends at a NUL before it is trimmed, as a parameter name
+  // would: "FIELD_DELIM <NUL>x" is FIELD_DELIM, not a parameter "FIELD_DELIM ".
+  auto nul = readAle(std::string("Heading\nFIELD_DELIM \0x\tTABS\nColumn\nA\nData\n", 42), &err);
+  ASSERT_TRUE(nul) << err.message;
+  EXPECT_EQ(nul->getNumParams(), 0u);
+}
+
 // ---- Names ----------------------------------------------------------------------
 
 TEST(Formats, NamesAndExtensions) {

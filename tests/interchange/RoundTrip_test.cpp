@@ -35,34 +35,12 @@ using testing::toTsv;
 // Pieces that values are made of: blanks, quotes, delimiters, line ends,
 // backslashes and the letters that follow them in escapes, formula starters
 // and multi-byte UTF-8.
+// clang-format off
 const std::vector<std::string> kPieces = {
-    "a",
-    "Z",
-    "0",
-    " ",
-    "  ",
-    "\"",
-    "\"\"",
-    ",",
-    ";",
-    "\t",
-    "\n",
-    "\r",
-    "\r\n",
-    "\\",
-    "n",
-    "t",
-    "r",
-    "=",
-    "-",
-    "'",
-    "\xC3\xA9",
-    "\xE2\x80\x94",
-    "\xF0\x9F\x8E\xAC",
-    "Heading",
-    "Data",
-    ":",
+    "a", "Z", "0", " ", "  ", "\"", "\"\"", ",", ";", "\t", "\n", "\r", "\r\n", "\\", "n", "t", "r", "=",
+    "-", "'", "\xC3\xA9", "\xE2\x80\x94", "\xF0\x9F\x8E\xAC", "\xEF\xBB\xBF", "Heading", "Data", ":",
 };
+// clang-format on
 
 std::string randomText(std::mt19937& rng, int maxPieces) {
   std::string s;
@@ -72,7 +50,8 @@ std::string randomText(std::mt19937& rng, int maxPieces) {
 }
 
 // Column names a table can hold: not empty or blank (ALE needs a name), no
-// '&' (the table drops it), unique ignoring case. Some are the library's
+// '&' (the table drops it), no NUL (names are C strings), unique ignoring
+// case. Some are the library's
 // names that ALE renames.
 std::vector<std::string> randomNames(std::mt19937& rng, int columns) {
   const std::vector<std::string> library = {"Name",  "Reel",     "Start time", "End time",
@@ -80,7 +59,7 @@ std::vector<std::string> randomNames(std::mt19937& rng, int columns) {
   std::vector<std::string> names;
   while (static_cast<int>(names.size()) < columns) {
     std::string n = rng() % 3 == 0 ? library[rng() % library.size()]
-                                   : "c" + std::to_string(names.size()) + randomText(rng, 3);
+                                   : randomText(rng, 3) + "c" + std::to_string(names.size());
     bool taken = false;
     for (const std::string& o : names) taken = taken || strcasecmp(o.c_str(), n.c_str()) == 0;
     if (!taken) names.push_back(n);

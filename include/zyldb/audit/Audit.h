@@ -127,7 +127,8 @@ struct Placement {
 struct Timeline {
   std::string reel;
   Track track = Track::Picture;
-  int timebase = 0;  // of the rate the frames count at
+  int timebase = 0;        // of the rate the frames count at
+  bool dropFrame = false;  // the reel's labels are drop-frame (taken from its first clip)
   std::vector<Placement> clips;
 };
 
@@ -199,6 +200,11 @@ ZYLDB_EXPORT bool parseRate(const std::string& text, Rate* out);
 // `frames` as a duration "HH:MM:SS:FF" at `timebase` frames a second
 // (negative durations get a leading '-').
 ZYLDB_EXPORT std::string durationText(int64_t frames, int timebase);
+
+// The label of frame `frame` counted from 00:00:00:00 at `timebase`:
+// "HH:MM:SS:FF", or drop-frame "HH:MM:SS;FF" when `dropFrame` (at a 30 or
+// 60 frame timebase); the inverse of reading a label. Hours wrap at 24.
+ZYLDB_EXPORT std::string labelText(int64_t frame, int timebase, bool dropFrame);
 
 // Lower-case names for output: "overlap", "gap", "reversed-range",
 // "missing-partner", "impossible-timecode", "impossible-keycode",

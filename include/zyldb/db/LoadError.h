@@ -19,6 +19,13 @@ struct DBLoadError {
     // The column header's lines disagree on the column count; the table is
     // invalid. detail: Detail::typesLine or Detail::namesLine.
     columnHeader = 3,
+    // The file is not a regular file (a FIFO, a device, a directory), which
+    // a load could block on; nothing was read. detail: 0.
+    notRegularFile = 4,
+    // A save was refused because the file would not load back as the table
+    // is (the reason is logged with LogBoth); no file was written. detail:
+    // the SaveProblem.
+    saveRefused = 5,
   };
 
   // dberror::detail for the codes above that refine it.
@@ -26,5 +33,14 @@ struct DBLoadError {
     typeNone = 3,   // with fieldType
     typesLine = 3,  // with columnHeader: the types line
     namesLine = 4,  // with columnHeader: the names line
+  };
+
+  // dberror::detail with saveRefused.
+  enum SaveProblem : int32_t {
+    csvName = 1,       // the name ends in ".csv" and the table is not plain CSV
+    noColumns = 2,     // rows without columns have no line form
+    longValue = 3,     // a value longer than 4095 bytes
+    badParameter = 4,  // a parameter that would read back changed
+    badColumn = 5,     // a column name or type that would read back changed
   };
 };

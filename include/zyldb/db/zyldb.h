@@ -38,6 +38,7 @@
 #include <ctime>
 #include <functional>
 #include <map>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -436,6 +437,20 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   void copyColumnsFrom(const zyldb& src);
   void copyVisibleRowsFrom(const zyldb& src);
   void issueRecordsDeleted(const LightweightString<char>& text);
+  // The three loaders of loadFromFile: a ".csv" file, a full column header
+  // (false when it is refused), the names line of a header without one.
+  void loadCsv(const TextFile& file);
+  bool loadColumnHeader(TextFile& file, dbrecord& scratch);
+  void loadNamesOnlyHeader(const dbrecord& scratch);
+  // A new record of get_num_fields() fields with this table as container:
+  // the one place the loader creates records.
+  std::unique_ptr<dbrecord> makeRecord();
+  // Save checks: records the refusal (DBLoadError::saveRefused) and logs
+  // why; checkSavable is false when the file would not load back as the
+  // table is.
+  bool refuseSave(const char* function, DBLoadError::SaveProblem problem, const char* reason);
+  bool checkSavable(const char* function, dbrecord* const* list, unsigned int n);
+  int saveCsv();
 };
 
 // The process-wide sort state shared by tables and views (see sortPrepare):

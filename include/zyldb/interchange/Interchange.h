@@ -183,7 +183,9 @@ ZYLDB_EXPORT bool writeTsv(const ODBBase& rows, const TsvOptions& options, const
 // programs show the escapes as text). Otherwise every byte is written as it
 // is. Reads the rows twice (once to look for those bytes). Fails for a table
 // without columns, a column whose name is empty or blank (ALE cannot carry
-// one) and a failing sink.
+// one), a table with more than 36 parameters besides FPS, VIDEO_FORMAT and
+// AUDIO_FORMAT (the heading would not fit a table read back) and a failing
+// sink.
 ZYLDB_EXPORT bool writeAle(const ODBBase& rows, const AleOptions& options, const Sink& sink,
                            Error* err);
 

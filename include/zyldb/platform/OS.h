@@ -74,7 +74,8 @@ class ZYLDB_EXPORT FileService {
   virtual ~FileService();
 
   // Reads the whole regular file at `path` into *out. False when it cannot be
-  // opened or read, or is not a regular file.
+  // opened or read, or is not a regular file (refused without blocking, even
+  // for a FIFO without a writer).
   virtual bool readFile(const LightweightString<wchar_t>& path, std::string* out) = 0;
   // Creates or truncates `path`, writes n bytes and flushes them to stable
   // storage (fsync). False on any failure (the file may then be partial).
@@ -88,6 +89,12 @@ class ZYLDB_EXPORT FileService {
   // True when anything (file, directory, ...) exists at `path`.
   virtual bool exists(const LightweightString<wchar_t>& path) = 0;
   virtual bool isDirectory(const LightweightString<wchar_t>& path) = 0;
+  // True when `path` is a regular file (not a FIFO, device or directory,
+  // which a read could block on or fail). The default asks exists() and
+  // isDirectory().
+  virtual bool isRegularFile(const LightweightString<wchar_t>& path) {
+    return exists(path) && !isDirectory(path);
+  }
   // A person's description of the last failure on this thread ("No such file
   // or directory", ...).
   virtual std::string lastError() const = 0;

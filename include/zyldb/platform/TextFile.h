@@ -52,7 +52,12 @@ class ZYLDB_EXPORT TextFile {
   // Replaces the lines with those of the file `name`; `separator` is the
   // line-end character ('\n'); the bool is unused. Resets currentLine to 0.
   // Returns false (and holds no lines) when the file cannot be read.
+  // A UTF-8 byte-order mark at the start of the file is dropped. A name that
+  // is not a regular file (a FIFO, a device) is refused without blocking;
+  // notRegularFile() then tells so.
   bool load(const LightweightString<wchar_t>& name, char separator = '\n', bool unused = false);
+  // True when the last load() failed because the name is not a regular file.
+  bool notRegularFile() const { return notRegular_; }
 
   // Writes every line followed by the style's line end, atomically as
   // described above. Returns false when the file could not be written (the
@@ -162,4 +167,5 @@ class ZYLDB_EXPORT TextFile {
   // while it writes and back before it returns.
   mutable std::string buf_;
   std::vector<size_t> starts_;  // offset of each line in buf_
+  bool notRegular_ = false;
 };
