@@ -353,6 +353,12 @@ class zyldb::CompiledQuery {
     return true;
   }
 
+  // The first column with a criterion, or -1.
+  int firstField() const {
+    return columns_.empty() || columns_[0].field > 0xFFFF ? -1
+                                                          : static_cast<int>(columns_[0].field);
+  }
+
  private:
   enum class Kind { kText, kTimecode, kConverted, kLabelRange };
   struct Column {
@@ -372,7 +378,12 @@ int zyldb::tag_matching_records(int keepOthers) {
   int count = 0;
   if (batchesMayBypassSteps()) {
     const CompiledQuery compiled(*this);
+    dbrecord* const* recs = showTagsOnly != 0 ? tagIndex : rows;
+    const unsigned int visible = showTagsOnly != 0 ? numTagged : numRecords;
     for (unsigned int i = 0; i < numRecords; ++i) {
+      if (compiled.firstField() >= 0)
+        zyl::prefetchCellAhead(recs, i, visible,
+                               static_cast<unsigned short>(compiled.firstField()));
       dbrecord* rec = get_record(i);
       if (rec == nullptr) {
         ++count;  // set_tag of a missing row does nothing
