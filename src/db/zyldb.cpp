@@ -26,6 +26,7 @@
 #include <string>
 
 #include "db/LibrarySettings_internal.h"
+#include "db/NotifyTypes_internal.h"
 
 namespace {
 
@@ -37,19 +38,8 @@ const LightweightString<char>& cookieColumnName() {
   return name;
 }
 
-int internedType(const char* name) {
-  return NotifyMsgTypeDictionary::instance().intern(LightweightString<char>(name));
-}
-
-int recordsDeletedType() {
-  static const int type = internedType("recordsDeleted");
-  return type;
-}
-
-int recordsChangedType() {
-  static const int type = internedType("recordsChanged");
-  return type;
-}
+using zyl::recordsChangedType;
+using zyl::recordsDeletedType;
 
 const LightweightString<char>& cellOf(const dbrecord* rec, unsigned int field) {
   static const LightweightString<char> empty;

@@ -32,9 +32,9 @@ int ODBViewRep::saveAsText(LightweightString<wchar_t> name, bool headerOnly) {
   TextFile f;
   writeHeader(params_, table_, f);
   int written = 0;
-  if (!headerOnly && count_ > 0) {
+  if (!headerOnly && index_.count() > 0) {
     const int tagField = get_fieldnum("Tag");
-    for (int i = 0; i < count_; ++i) {
+    for (int i = 0; i < index_.count(); ++i) {
       const dbrecord* record = (*this)[i];
       if (!record) continue;
       // The view's tag goes into the written copy only; the table's record
@@ -60,7 +60,7 @@ int ODBViewRep::saveOnlyTagged(LightweightString<wchar_t> name) {
   TextFile f;
   writeHeader(params_, table_, f);
   int examined = 0;
-  for (; examined < count_; ++examined) {
+  for (; examined < index_.count(); ++examined) {
     dbrecord* record = (*this)[examined];
     if (record && record->getTag() && record->write(f) == 0) break;
   }

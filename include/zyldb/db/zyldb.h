@@ -42,6 +42,9 @@
 class dbrecord;
 class TextFile;
 class configb;
+namespace zyl {
+class RowDeletion;
+}
 
 // The caller's copy of a table's last load error (see read_error_info).
 struct dberror {
@@ -399,6 +402,9 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   time_t lastChange_ = 0;
 
  private:
+  // Deletes many runs of rows in one pass (src/db/RowDeletion_internal.h).
+  friend class zyl::RowDeletion;
+
   void destroyRows() noexcept;
   void growRows(unsigned int newCapacity);
   void ensureCapacity(uint64_t rowsNeeded);
