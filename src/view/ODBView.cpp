@@ -43,16 +43,18 @@ int compareSortItems(const void* a, const void* b) {
 
 // ---- Construction and binding ------------------------------------------------
 
-ODBViewRep::ODBViewRep(zyldb* db) {
-  init();
+// The public constructors delegate to this one, so that once it has run the
+// destructor cleans up whatever a later step allocated before failing.
+ODBViewRep::ODBViewRep(Unbound) { init(); }
+
+ODBViewRep::ODBViewRep(zyldb* db) : ODBViewRep(Unbound{}) {
   odb(db);
   GrowString identity;
   identityFieldSpec(identity);
   fieldSpec(identity.c_str());
 }
 
-ODBViewRep::ODBViewRep(zyldb* db, const char* fields) {
-  init();
+ODBViewRep::ODBViewRep(zyldb* db, const char* fields) : ODBViewRep(Unbound{}) {
   odb(db);
   if (fields) {
     fieldSpec(fields);
@@ -63,8 +65,7 @@ ODBViewRep::ODBViewRep(zyldb* db, const char* fields) {
   }
 }
 
-ODBViewRep::ODBViewRep(zyldb* db, const char** names) {
-  init();
+ODBViewRep::ODBViewRep(zyldb* db, const char** names) : ODBViewRep(Unbound{}) {
   odb(db);
   GrowString joined;
   if (!names) {
@@ -209,10 +210,12 @@ void ODBViewRep::baseView(ODBViewRep* base) {
     baseView_ = nullptr;
     old->releaseRep();
   }
-  baseView_ = base;
   if (!base) return;
+  // What can fail comes first: on failure the view stays unstacked.
   addParamsFrom(base);
-  baseRegistration_ = registerFor(*base, &ODBViewRep::onBaseRecordsDeleted);
+  Qm::Ptr<iObject> registration = registerFor(*base, &ODBViewRep::onBaseRecordsDeleted);
+  baseView_ = base;
+  baseRegistration_ = std::move(registration);
   base->retainRep();
   linkStacked(base);
 }

@@ -357,6 +357,9 @@ class ZYLDB_EXPORT ODBViewRep : public ODBBase, public Notifier {
  private:
   friend struct zyl::ODBViewInternal;
 
+  struct Unbound {};
+  explicit ODBViewRep(Unbound);
+
   // Notifier callbacks: filter what reaches recordsDeletedNotify.
   int onTableRecordsDeleted(const NotifyMsg& msg);
   int onBaseRecordsDeleted(const NotifyMsg& msg);

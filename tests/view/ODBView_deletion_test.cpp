@@ -1,0 +1,233 @@
+// Deleting many rows through the table's one-pass deletion against the same
+// deletion done run by run, and deletions and view construction under
+// allocation failure.
+//
+// A table of a subclass never takes the one-pass path (a subclass could
+// override delete_records), so the same random world built over `zyldb` and
+// over `LiteralTable` gives the new path and the literal steps side by side:
+// every listener's messages, every view's entries, tags, capacity and stale
+// slots must agree.
+
+#include <gtest/gtest.h>
+#include <zyldb/platform/OS.h>
+#include <zyldb/platform/QmException.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+
+#include "ViewTestUtil.h"
+#include "view/ODBView_internal.h"
+
+namespace zyl::test {
+namespace {
+
+struct LiteralTable : zyldb {
+  using zyldb::zyldb;
+};
+
+using Rng = std::mt19937_64;
+int pick(Rng& rng, int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); }
+
+// A table, two views over it (a, b), one stacked on a (c), and recorders on
+// any of them.
+struct World {
+  std::unique_ptr<zyldb> table;
+  ODBView a, b, c;
+  std::vector<std::unique_ptr<Recorder>> recorders;
+
+  World(bool literal, uint64_t seed) {
+    Rng rng(seed);
+    const int rows = pick(rng, 1, pick(rng, 0, 3) == 0 ? 3000 : 120);
+    std::vector<DBFieldDesc> descs{{"Name", DBFieldTypes::text}};
+    table = literal ? std::make_unique<LiteralTable>(descs) : std::make_unique<zyldb>(descs);
+    table->add_records(rows);
+    for (int i = 0; i < rows; ++i) table->set_field(i, 0u, ("r" + std::to_string(i)).c_str());
+    auto fill = [&](ODBView& v, int sourceRows) {
+      std::vector<int> order;
+      for (int r = 0; r < sourceRows; ++r)
+        if (pick(rng, 0, 4) != 0) order.push_back(r);
+      if (pick(rng, 0, 1)) std::shuffle(order.begin(), order.end(), rng);
+      if (!order.empty() && pick(rng, 0, 9) == 0)  // a row named twice
+        order.push_back(order[static_cast<size_t>(pick(rng, 0, int(order.size()) - 1))]);
+      for (int r : order) v->append(r);
+      for (unsigned i = 0; i < v->get_num_records(); ++i) v->set_tag(i, pick(rng, 0, 3) == 0);
+    };
+    a = ODBView(new ODBViewRep(table.get()));
+    b = ODBView(new ODBViewRep(table.get()));
+    c = ODBView(new ODBViewRep(table.get()));
+    c->baseView(a.rep());
+    fill(a, rows);
+    fill(b, rows);
+    fill(c, static_cast<int>(a->get_num_records()));
+    for (Notifier* n : {static_cast<Notifier*>(table.get()), static_cast<Notifier*>(a.rep()),
+                        static_cast<Notifier*>(b.rep()), static_cast<Notifier*>(c.rep())})
+      if (pick(rng, 0, 2) != 0) recorders.push_back(std::make_unique<Recorder>(*n));
+  }
+
+  // One random deletion; returns what it returned.
+  int act(uint64_t seed) {
+    Rng rng(seed);
+    const int op = pick(rng, 0, 3);
+    if (op == 0) {
+      table->set_all_tags(0);
+      const int density = pick(rng, 1, 9);
+      for (unsigned r = 0; r < table->get_num_records(); ++r)
+        if (pick(rng, 0, 9) < density) table->set_tag(r, 1);
+      return table->delete_tagged_records();
+    }
+    ODBViewRep& v = op == 3 ? *c.rep() : *a.rep();
+    if (op == 2) {
+      const int n = static_cast<int>(v.get_num_records());
+      v.deleteRecords(pick(rng, 0, n), pick(rng, 1, n + 2));
+      return 0;
+    }
+    return v.deleteTagged();
+  }
+};
+
+void expectSameView(ODBViewRep& x, ODBViewRep& y, const char* name) {
+  SCOPED_TRACE(name);
+  ASSERT_EQ(x.get_num_records(), y.get_num_records());
+  ASSERT_EQ(x.indexCapacity(), y.indexCapacity());
+  const ODBViewIndexEntry* sx = ODBViewInternal::slots(x);
+  const ODBViewIndexEntry* sy = ODBViewInternal::slots(y);
+  for (int i = 0; i < x.indexCapacity(); ++i) {
+    if (i < static_cast<int>(x.get_num_records())) {
+      ASSERT_EQ(sx[i].row, sy[i].row) << i;
+    }
+    ASSERT_EQ(sx[i].tag, sy[i].tag) << "slot " << i;
+  }
+}
+
+TEST(ODBViewDeletionTest, OnePassMatchesRunByRun) {
+  for (uint64_t seed = 1; seed <= 400 && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    World fast(false, seed), literal(true, seed);
+    for (uint64_t step = 0; step < 3 && !HasFailure(); ++step) {
+      EXPECT_EQ(fast.act(seed * 31 + step), literal.act(seed * 31 + step));
+      EXPECT_EQ(names(*fast.table), names(*literal.table));
+      ASSERT_NO_FATAL_FAILURE(expectSameView(*fast.a.rep(), *literal.a.rep(), "a"));
+      ASSERT_NO_FATAL_FAILURE(expectSameView(*fast.b.rep(), *literal.b.rep(), "b"));
+      ASSERT_NO_FATAL_FAILURE(expectSameView(*fast.c.rep(), *literal.c.rep(), "c"));
+      ASSERT_EQ(fast.recorders.size(), literal.recorders.size());
+      for (size_t i = 0; i < fast.recorders.size(); ++i)
+        EXPECT_EQ(fast.recorders[i]->log, literal.recorders[i]->log) << "recorder " << i;
+    }
+  }
+}
+
+// Each row of a view must show the record its entry names: every record is
+// named "r<n>" and appears once, so a view row whose name is not in the table
+// any more, or a wrong count, shows a view out of step.
+void expectConsistent(ODBViewRep& v, zyldb& table, const std::vector<std::string>& before,
+                      const char* name) {
+  SCOPED_TRACE(name);
+  const std::vector<std::string> rows = names(table);
+  for (unsigned i = 0; i < v.get_num_records(); ++i) {
+    ASSERT_NE(v.get_record(i), nullptr) << i;
+    const std::string shown = v.getField(i, 0).toStdString();
+    ASSERT_NE(std::find(rows.begin(), rows.end(), shown), rows.end()) << shown;
+  }
+  (void)before;
+}
+
+Allocator& alloc() { return OS()->allocator(); }
+
+// Fails the n-th allocation of a deletion, for n = 1, 2, ... until one
+// succeeds: the table either keeps every row or loses exactly the tagged
+// ones, every view stays in step with the table, a retried deleteTagged
+// deletes only tagged rows, and nothing leaks.
+TEST(ODBViewDeletionTest, AllocationFailureLeavesViewsInStep) {
+  for (int kind = 0; kind < 2; ++kind) {
+    bool completed = false;
+    for (uint64_t n = 1; !completed && n < 5000 && !HasFailure(); ++n) {
+      SCOPED_TRACE("kind " + std::to_string(kind) + ", allocation " + std::to_string(n));
+      const int64_t liveBefore = alloc().stats().liveBlocks;
+      {
+        auto table = makeTable(300, {"Name"});
+        ODBView a(new ODBViewRep(table.get())), b(new ODBViewRep(table.get()));
+        a->displayAllRecords();
+        b->displayAllRecords();
+        b->set_sortfield(0);
+        b->sort(-1, 0);
+        ODBView c(new ODBViewRep(table.get()));
+        c->baseView(a.rep());
+        c->displayAllRecords();
+        std::vector<std::string> tagged;
+        for (unsigned r = 0; r < 300; r += 1 + r % 4) {
+          a->set_tag(r, 1);
+          tagged.push_back("r" + std::to_string(r));
+        }
+        const std::vector<std::string> before = names(*table);
+        alloc().failNthAllocation(n);
+        try {
+          if (kind == 0) {
+            a->deleteTagged();
+          } else {
+            for (unsigned r = 0; r < 300; ++r) table->set_tag(r, a->get_tag(r));
+            table->delete_tagged_records();
+          }
+          completed = !alloc().failurePending();
+        } catch (const Qm::Exception::BadAlloc&) {
+        }
+        alloc().failNthAllocation(0);
+        const std::vector<std::string> after = names(*table);
+        for (const std::string& gone : before) {
+          if (std::find(after.begin(), after.end(), gone) == after.end()) {
+            ASSERT_NE(std::find(tagged.begin(), tagged.end(), gone), tagged.end()) << gone;
+          }
+        }
+        ASSERT_NO_FATAL_FAILURE(expectConsistent(*a.rep(), *table, before, "a"));
+        ASSERT_NO_FATAL_FAILURE(expectConsistent(*b.rep(), *table, before, "b"));
+        ASSERT_NO_FATAL_FAILURE(expectConsistent(*c.rep(), *table, before, "c"));
+        ASSERT_LE(a->get_num_records(), table->get_num_records());
+        ASSERT_EQ(b->get_num_records(), table->get_num_records());
+        // A retry deletes what is still tagged, and nothing else.
+        if (kind == 0) {
+          a->deleteTagged();
+          for (const std::string& name : names(*table))
+            ASSERT_EQ(std::find(tagged.begin(), tagged.end(), name), tagged.end()) << name;
+          ASSERT_EQ(table->get_num_records(), 300 - tagged.size());
+        }
+      }
+      EXPECT_EQ(alloc().stats().liveBlocks, liveBefore);
+    }
+    EXPECT_TRUE(completed);
+  }
+}
+
+// Creating a view, of every kind, with each of its allocations failing in
+// turn leaks nothing.
+TEST(ODBViewDeletionTest, ViewConstructionLeaksNothingWhenAllocationFails) {
+  auto table = makeTable(50);
+  ODBView base(new ODBViewRep(table.get()));
+  base->displayAllRecords();
+  // Once beforehand, so that the notifiers' listener lists have their room.
+  for (int i = 0; i < 2; ++i) ODBView warm(base->newTagSubview()), copy = base.copy();
+  const char* names[] = {"Name", "Reel", nullptr};
+  for (int kind = 0; kind < 5; ++kind) {
+    bool completed = false;
+    for (uint64_t n = 1; !completed && n < 2000 && !HasFailure(); ++n) {
+      SCOPED_TRACE("kind " + std::to_string(kind) + ", allocation " + std::to_string(n));
+      const int64_t liveBefore = alloc().stats().liveBlocks;
+      alloc().failNthAllocation(n);
+      try {
+        ODBView v;
+        if (kind == 0) v = ODBView(new ODBViewRep(table.get()));
+        if (kind == 1) v = ODBView(new ODBViewRep(table.get(), "Name,Reel"));
+        if (kind == 2) v = ODBView(new ODBViewRep(table.get(), names));
+        if (kind == 3) v = base.copy();
+        if (kind == 4) v = ODBView(base->newTagSubview());
+        completed = !alloc().failurePending();
+      } catch (const Qm::Exception::BadAlloc&) {
+      }
+      alloc().failNthAllocation(0);
+      EXPECT_EQ(alloc().stats().liveBlocks, liveBefore);
+    }
+    EXPECT_TRUE(completed);
+  }
+}
+
+}  // namespace
+}  // namespace zyl::test
