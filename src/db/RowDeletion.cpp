@@ -18,7 +18,52 @@ namespace {
 
 thread_local RowDeletion* tActive = nullptr;
 
+// A table's deletion messages being delivered on this thread, and those made
+// meanwhile, waiting their turn.
+struct Delivery {
+  const zyldb* table;
+  Delivery* outer;
+  std::vector<LightweightString<char>> waiting;
+};
+thread_local Delivery* tDelivering = nullptr;
+
+Delivery* deliveringFor(const zyldb* table) {
+  for (Delivery* d = tDelivering; d; d = d->outer)
+    if (d->table == table) return d;
+  return nullptr;
+}
+
+// Marks `table` as delivering for its lifetime and sends what waits.
+class DeliveryScope {
+ public:
+  explicit DeliveryScope(zyldb& table) : table_(table), d_{&table, tDelivering, {}} {
+    tDelivering = &d_;
+  }
+  ~DeliveryScope() { tDelivering = d_.outer; }
+  DeliveryScope(const DeliveryScope&) = delete;
+  DeliveryScope& operator=(const DeliveryScope&) = delete;
+  void sendWaiting() {
+    for (size_t i = 0; i < d_.waiting.size(); ++i)
+      table_.issueNotification(NotifyMsg(d_.waiting[i], nullptr), recordsDeletedType());
+    d_.waiting.clear();
+  }
+
+ private:
+  zyldb& table_;
+  Delivery d_;
+};
+
 }  // namespace
+
+void RowDeletion::announce(zyldb& table, const LightweightString<char>& text) {
+  if (Delivery* d = deliveringFor(&table)) {
+    d->waiting.push_back(text);
+    return;
+  }
+  DeliveryScope scope(table);
+  table.issueNotification(NotifyMsg(text, nullptr), recordsDeletedType());
+  scope.sendWaiting();
+}
 
 bool RowDeletion::canBatch(const zyldb& table) {
   return typeid(table) == typeid(zyldb) && table.showTagsOnly == 0;
@@ -131,10 +176,19 @@ int64_t RowDeletion::run(zyldb& table, const std::vector<uint32_t>& rows,
   d.outer_ = tActive;
   tActive = &d;
   std::exception_ptr failure;
-  for (const NotifyMsg& msg : messages) {
-    d.current_ = &msg;
+  {
+    DeliveryScope scope(table);
+    for (const NotifyMsg& msg : messages) {
+      d.current_ = &msg;
+      try {
+        table.issueNotification(msg, recordsDeletedType());
+      } catch (...) {
+        if (!failure) failure = std::current_exception();
+      }
+    }
+    d.current_ = nullptr;
     try {
-      table.issueNotification(msg, recordsDeletedType());
+      scope.sendWaiting();
     } catch (...) {
       if (!failure) failure = std::current_exception();
     }

@@ -53,6 +53,12 @@ class RowDeletion {
   static int64_t run(zyldb& table, const std::vector<uint32_t>& rows,
                      const std::vector<uint32_t>& groupEnds);
 
+  // Sends "recordsDeleted" with `text` for `table`: at once, or, while a
+  // deletion of the table is being delivered on this thread (a listener
+  // deleted more rows), after that delivery and those queued before it, so
+  // that every listener hears the deletions in the order they were made.
+  static void announce(zyldb& table, const LightweightString<char>& text);
+
   // The deletion whose messages are being delivered on this thread for
   // `table`, or null.
   static RowDeletion* active(const zyldb* table) noexcept;

@@ -27,6 +27,7 @@
 
 #include "db/LibrarySettings_internal.h"
 #include "db/NotifyTypes_internal.h"
+#include "db/RowDeletion_internal.h"
 
 namespace {
 
@@ -292,8 +293,10 @@ void zyldb::delete_records(unsigned int first, unsigned int count) {
   if (listened) issueRecordsDeleted(text);
 }
 
+// Deletions made by a listener during a delivery wait for it to end, so that
+// every listener hears them in order.
 void zyldb::issueRecordsDeleted(const LightweightString<char>& text) {
-  issueNotification(NotifyMsg(text, nullptr), recordsDeletedType());
+  zyl::RowDeletion::announce(*this, text);
 }
 
 unsigned int zyldb::get_num_records() const { return showTagsOnly != 0 ? numTagged : numRecords; }

@@ -574,13 +574,15 @@ int ODBViewInternal::removeRuns(ODBViewRep& v, bool (ODBViewRep::*pred)(int)) {
   if (runs.empty()) return 0;
   const size_t listeners = v.numListeners();
   if (listeners > stackedCount(v)) {
-    // The host watches: each run's message with the view as it stands then.
-    int64_t before = 0;
-    for (const auto& r : runs) {
-      v.remove(static_cast<int>(r.first - before), r.second);
-      before += r.second;
-    }
-    return static_cast<int>(before);
+    // The host watches: the literal steps, each run's message with the view
+    // as it stands then (and a deletion the host makes meanwhile applied
+    // before the next run is looked for).
+    return static_cast<int>(scanRuns([&v] { return int64_t{v.index_.count()}; },
+                                     [&](int64_t p) { return (v.*pred)(static_cast<int>(p)); },
+                                     [&](int64_t start, int64_t n) -> int64_t {
+                                       v.remove(static_cast<int>(start), static_cast<int>(n));
+                                       return n;
+                                     }));
   }
 
   std::vector<RemovalStep> shrink(runs.size());
