@@ -117,6 +117,71 @@ TEST(ODBViewDeletionTest, OnePassMatchesRunByRun) {
   }
 }
 
+// A listener reading the view during its per-row messages sees the view as
+// that message describes it: one row fewer at each, the rows still to go
+// showing no record; the closing list comes with the final state.
+TEST(ODBViewDeletionTest, PerRowMessagesComeWithTheirState) {
+  auto table = makeTable(10);
+  ODBView v = viewOf(table.get(), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
+  std::vector<std::string> seen;
+  auto reg = v->addListener("recordsDeleted", [&](const NotifyMsg& m) {
+    seen.push_back(m.getText().toStdString() + "/" + std::to_string(v->get_num_records()) + "/" +
+                   std::to_string(names(*v.rep()).size()));
+    std::string shown;
+    for (const std::string& n : names(*v.rep())) shown += (n.empty() ? "-" : n) + ",";
+    seen.push_back(shown);
+    return 0;
+  });
+  table->delete_records(3, 2);
+  EXPECT_EQ(seen, (std::vector<std::string>{"3 /9/9", "r0,r1,r2,-,r5,r6,r7,r8,r9,", "3 /8/8",
+                                            "r0,r1,r2,r5,r6,r7,r8,r9,", "2 3 /8/8",
+                                            "r0,r1,r2,r5,r6,r7,r8,r9,"}));
+}
+
+// Listeners that delete table rows while a view delivers a deletion: the
+// deletion is applied after the delivery, and the views stacked on the view
+// stay in step (they show all of its rows).
+TEST(ODBViewDeletionTest, ListenersDeletingDuringADelivery) {
+  for (int kind = 0; kind < 2; ++kind) {
+    SCOPED_TRACE(kind == 0 ? "during the closing list" : "during removeTagged");
+    auto table = makeTable(10);
+    ODBView a = viewOf(table.get(), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
+    ODBView b(new ODBViewRep(table.get()));
+    b->baseView(a.rep());
+    b->displayAllRecords();
+    Recorder heard(*a.rep());
+    bool done = false;
+    auto reg = a->addListener("recordsDeleted", [&](const NotifyMsg& m) {
+      const bool closing = kind == 0 && m.getText().toStdString() == "2 ";
+      if (!done && (closing || kind == 1)) {
+        done = true;
+        const std::vector<std::string> rows = names(*table);
+        table->delete_records(
+            static_cast<unsigned>(std::find(rows.begin(), rows.end(), "r8") - rows.begin()), 1);
+      }
+      return 0;
+    });
+    if (kind == 0) {
+      table->delete_records(3, 1);
+    } else {
+      for (int r : {4, 5, 7}) a->set_tag(r, 1);
+      EXPECT_EQ(a->removeTagged(), 3);
+    }
+    EXPECT_EQ(names(*b.rep()), names(*a.rep()));
+    for (const std::string& n : names(*a.rep())) EXPECT_NE(n, "r8");
+    if (kind == 0) {
+      EXPECT_EQ(names(*a.rep()),
+                (std::vector<std::string>{"r0", "r1", "r2", "r4", "r5", "r6", "r7", "r9"}));
+      EXPECT_EQ(heard.log, (std::vector<std::string>{"D:3 ", "D:2 ", "C:", "D:7 ", "D:6 ", "C:"}));
+    } else {
+      EXPECT_EQ(names(*a.rep()), (std::vector<std::string>{"r0", "r1", "r2", "r3", "r6", "r9"}));
+      // The run of r4 and r5 goes; then r8, deleted meanwhile, with its own
+      // messages; then the run of r7, found in the view as it now stands.
+      EXPECT_EQ(heard.log, (std::vector<std::string>{"D:4 5 ", "D:6 ", "D:5 ", "C:", "D:5 "}));
+    }
+  }
+}
+
 // Each row of a view must show the record its entry names: every record is
 // named "r<n>" and appears once, so a view row whose name is not in the table
 // any more, or a wrong count, shows a view out of step.
@@ -141,7 +206,9 @@ Allocator& alloc() { return OS()->allocator(); }
 TEST(ODBViewDeletionTest, AllocationFailureLeavesViewsInStep) {
   for (int kind = 0; kind < 2; ++kind) {
     bool completed = false;
-    for (uint64_t n = 1; !completed && n < 5000 && !HasFailure(); ++n) {
+    // n = 0 runs once without failure, so that what is set up on first use
+    // is not counted as a leak.
+    for (uint64_t n = 0; !completed && n < 5000 && !HasFailure(); ++n) {
       SCOPED_TRACE("kind " + std::to_string(kind) + ", allocation " + std::to_string(n));
       const int64_t liveBefore = alloc().stats().liveBlocks;
       {
@@ -168,7 +235,7 @@ TEST(ODBViewDeletionTest, AllocationFailureLeavesViewsInStep) {
             for (unsigned r = 0; r < 300; ++r) table->set_tag(r, a->get_tag(r));
             table->delete_tagged_records();
           }
-          completed = !alloc().failurePending();
+          completed = n > 0 && !alloc().failurePending();
         } catch (const Qm::Exception::BadAlloc&) {
         }
         alloc().failNthAllocation(0);
@@ -191,9 +258,11 @@ TEST(ODBViewDeletionTest, AllocationFailureLeavesViewsInStep) {
           ASSERT_EQ(table->get_num_records(), 300 - tagged.size());
         }
       }
-      EXPECT_EQ(alloc().stats().liveBlocks, liveBefore);
+      if (n > 0) {
+        EXPECT_EQ(alloc().stats().liveBlocks, liveBefore);
+      }
     }
-    EXPECT_TRUE(completed);
+    EXPECT_TRUE(completed) << "kind " << kind;
   }
 }
 
