@@ -3,7 +3,6 @@
 // reader alike; the items of a valid container, written again with a Writer
 // and read back, must give the same cookies in the same order.
 
-#include <unistd.h>
 #include <zyldb/container/QMContainerFile.h>
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/platform/Logging.h>
@@ -16,6 +15,8 @@
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "platform/MemoryFileService_internal.h"
 
 namespace {
 
@@ -56,15 +57,18 @@ void exercise(const QMContainerFile::Reader& r) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const std::string dir = [] {
+  // Files live in memory: no disk time per input.
+  static zyl::testing::MemoryFileService* const mem = [] {
     zyl::setLogSink([](zyl::LogLevel, const char*) {});  // load warnings are expected
-    char tmpl[] = "/tmp/fuzz_container.XXXXXX";
-    const char* d = mkdtemp(tmpl);
-    return std::string(d ? d : "/tmp");
+    auto* m = new zyl::testing::MemoryFileService;
+    OS()->setFileService(m);
+    return m;
   }();
+  mem->clear();
+  const std::string dir = "/mem";
   const std::string path = dir + "/C00000000000000000000000000000001.bsg";
   LightweightString<wchar_t> wpath = widePath(path);
-  if (!OS()->fileService().writeFile(wpath, reinterpret_cast<const char*>(data), size)) return 0;
+  mem->put(std::wstring(wpath.view()), std::string(reinterpret_cast<const char*>(data), size));
 
   QMContainerFile::Reader headerOnly(wpath, true);
   check(headerOnly.getNumItems() == 0);
@@ -85,12 +89,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   w.setName(full.getName());
   w.setPermanent(full.isPermanent());
   const std::string out = dir + "/copy.bsg";
-  w.save(widePath(out));
+  check(w.trySave(widePath(out)));
   QMContainerFile::Reader back(widePath(out), false);
   check(back.valid());
   check(back.getNumItems() == added.size());
   for (unsigned i = 0; i < added.size(); ++i) check(back.getItem(i).getCookie() == added[i]);
   check(back.isPermanent() == full.isPermanent());
-  OS()->fileService().remove(widePath(out));
   return 0;
 }

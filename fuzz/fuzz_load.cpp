@@ -1,10 +1,10 @@
-// Fuzzes whole-file loading. The bytes are written to a file named ".log"
-// (first byte even) or ".csv" (first byte odd) and loaded leniently and with
-// a strict header; a valid table is saved again and the saved file reloaded.
+// Fuzzes whole-file loading. The bytes are put in an in-memory file named
+// ".log" (first byte even) or ".csv" (first byte odd) and loaded leniently
+// and with a strict header; a valid table is saved again and the saved file
+// reloaded.
 // Nothing may crash, hang or leak, and saving a valid table writes every one
 // of its rows.
 
-#include <unistd.h>
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/db/zyldb.h>
 #include <zyldb/platform/Logging.h>
@@ -16,6 +16,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include "platform/MemoryFileService_internal.h"
 
 namespace {
 
@@ -38,22 +40,21 @@ void exercise(zyldb& t) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const std::string dir = [] {
-    char tmpl[] = "/tmp/fuzz_load.XXXXXX";
-    const char* d = mkdtemp(tmpl);
-    if (!d) std::abort();
+  static zyl::testing::MemoryFileService* const mem = [] {
     // Warnings about revisions and short rows are expected; keep them quiet.
     zyl::setLogSink([](zyl::LogLevel, const char*) {});
-    return std::string(d);
+    auto* m = new zyl::testing::MemoryFileService;
+    OS()->setFileService(m);
+    return m;
   }();
+  mem->clear();
+  const std::string dir = "/mem";
   const bool csv = size > 0 && (data[0] & 1);
   const std::string input = dir + (csv ? "/input.csv" : "/input.log");
   const std::string saved = dir + "/saved.log";
 
-  FILE* f = std::fopen(input.c_str(), "wb");
-  if (!f) return 0;
-  if (size) std::fwrite(data, 1, size, f);
-  std::fclose(f);
+  mem->put(std::wstring(widePath(input).view()),
+           std::string(reinterpret_cast<const char*>(data), size));
 
   for (bool strict : {false, true}) {
     zyldb t(widePath(input), INT_MAX, strict);
@@ -69,7 +70,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     zyldb reloaded(widePath(saved), INT_MAX, strict);
     exercise(reloaded);
   }
-  std::remove(input.c_str());
-  std::remove(saved.c_str());
   return 0;
 }

@@ -97,6 +97,7 @@ ParsedArgs parseArgs(const CommandDef& def, const std::vector<std::string>& args
         throw UsageError("option '" + shown + "' needs a value (" + opt->valueName + ")");
       value = args[++i];
     }
+    out.ordered.emplace_back(opt->name, value);
     std::vector<std::string>& slot = out.values_[opt->name];
     if (!opt->repeatable) slot.clear();
     slot.push_back(value);

@@ -6,6 +6,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace zyl::cli {
@@ -53,6 +54,9 @@ class ParsedArgs {
   long getCount(const std::string& name, long fallback) const;
 
   std::vector<std::string> positional;
+  // Every option given, as (name, value), in command-line order: for
+  // options whose meaning depends on their neighbours (--where ... --or).
+  std::vector<std::pair<std::string, std::string>> ordered;
   bool helpRequested = false;
 
  private:

@@ -14,6 +14,7 @@
 #include "Args.h"
 #include "LogFile.h"
 #include "Output.h"
+#include "Writers.h"
 
 namespace zyl::cli {
 
@@ -33,65 +34,60 @@ Command mergeCommand();
 Command convertCommand();
 Command demoCommand();
 
+// Options that several commands share.
+inline const OptionDef kWhereOption = {
+    "where", 0, "COND",
+    "only rows that meet COND: COL=TEXT (contains), COL==TEXT, COL!=TEXT, COL~REGEX, COL!~REGEX, "
+    "COL<VALUE, COL<=VALUE, COL>VALUE, COL>=VALUE; repeatable, all must hold",
+    true};
+inline const OptionDef kOrOption = {
+    "or", 0, "", "start another group of --where conditions; a row matches when any group does",
+    true};
+inline const OptionDef kFoldAccentsOption = {
+    "fold-accents", 0, "", "treat letters with accents as their base letter (e matches é)"};
+inline const OptionDef kOutputOption = {
+    "output", 'o', "OUT",
+    "write the result to OUT (\"-\": stdout); its format comes from --format or from OUT's "
+    "extension (.log, .csv, .tsv, .ale, .json, any case); default: stdout, as a log"};
+inline const OptionDef kFormatOption = {"format", 0, "FORMAT",
+                                        "write log, csv, tsv, ale or json, whatever OUT's name"};
+inline const char kMatchingDetails[] =
+    "Matching ignores case in every script (\"ZOË\" finds \"Zoë\"); accents count unless "
+    "--fold-accents. On start/end label columns (\"Start time\"/\"End time\", \"start "
+    "keycode\"/\"end keycode\", ...) COL=TEXT finds the rows whose range holds the label. "
+    "<, <=, >, >= compare timecodes by time and numbers by value. For example:\n"
+    "  zyldb show clips.log --where Scene==12 --or --where \"Start time>=02:00:00:00\"\n";
+
 // Throws UsageError unless exactly `names.size()` positional arguments were
 // given; `names` are their names in the synopsis ("LOG", "OUT").
 void expectPositional(const ParsedArgs& args, const std::vector<std::string>& names);
 
-// Opens the log at `path` for a command. Problems that still let it load are
-// printed to stderr and the command goes on, except when rows are missing
-// and `forWriting` is set: writing would then lose them. Throws Failure
-// (after printing why) when the log cannot be used.
-OpenLog requireLog(const std::string& path, bool forWriting);
+// Opens the log at `path` ("-": stdin) for a command. Problems that still
+// let it load are printed to stderr and the command goes on, except when
+// rows are missing and `forWriting` is set: writing would then lose them.
+// Throws Failure (after printing why) when the log cannot be used.
+OpenLog requireLog(const std::string& path, bool forWriting, const OpenOptions& options = {});
 
 // The column named `name` (ignoring case); UsageError naming the log's
 // columns when there is none.
 int requireColumn(const OpenLog& log, const std::string& name);
 std::vector<int> requireColumns(const OpenLog& log, const std::string& commaList);
 
-// Sets the table's query from "COLUMN=TEXT" items (each cell must contain
-// its TEXT, ignoring case; start/end label columns match a label lying in
-// their range) and returns the raw rows that match, in order.
-std::vector<unsigned int> matchingRows(const OpenLog& log, const std::vector<std::string>& where);
-
-// Sorts the table's rows on `columns` with the library's comparators,
-// ascending or descending. Rows that compare equal keep their order.
-void sortTable(zyldb& table, const std::vector<int>& columns, bool descending);
-
 // Whether raw row `row` is tagged by the table's "Tag" column (a non-zero
 // number); false for every row of a table without that column.
 bool tagColumnSays(const zyldb& table, unsigned int row);
 
-// A new, empty view over `table`, with the table's parameters; a table
-// without them gets the first parameter of a log ("ZYLDB" = "Rev 1").
-ODBView newView(zyldb& table);
-
-// A view over `table` showing `rows` in that order, each tagged as its
-// "Tag" column says.
-ODBView viewOfRows(zyldb& table, const std::vector<unsigned int>& rows);
 // Every raw row, in table order.
 std::vector<unsigned int> allRows(const zyldb& table);
-
-// The keyword that names a column type in a log ("text", "timecode", ...);
-// the code itself for a type without one.
-std::string typeKeyword(DBFieldTypes::eType type);
-
-// The cells of `columns` of every view row. A "Tag" column shows the view's
-// tag of the row, as it is written when the view is saved.
-Grid gridOf(ODBViewRep& view, const std::vector<int>& columns);
 std::vector<int> allColumns(const ODBBase& source);
 
-// Appends the log text of the view: its parameter lines, its table's column
-// header and one line per view row ("Tag" carrying the view's tag).
-void appendLogLines(ODBViewRep& view, TextFile& out);
+// The keyword that names a column type in a log ("text", "timecode", ...).
+std::string typeKeyword(DBFieldTypes::eType type);
 
-// Writes the view's rows with all columns to `path`, in the log format, as
-// comma-separated text when the name ends in ".csv", or as a JSON document
-// when it ends in ".json"; the old file is replaced in one step. An empty
-// `path` prints the log text to stdout. Throws Failure when the file cannot
-// be written.
-void writeView(const std::string& command, ODBViewRep& view, const std::string& path);
-
-// Prints the lines of `file` to stdout.
-void printLines(const TextFile& file);
+// Writes `source` to `out` ("-" or empty: stdout) in the format --format
+// names (`formatOption`, empty when not given) or the extension gives, row
+// by row; a file is replaced in one step. Throws UsageError for an unknown
+// format, Failure when the output cannot be written.
+void emitRows(const RowSource& source, const std::string& out, const std::string& formatOption);
 
 }  // namespace zyl::cli

@@ -69,6 +69,30 @@ void result(const std::string& text) {
   std::cout << std::string(kIndent, ' ') << "-> " << text << "\n";
 }
 
+// The cells of `columns` of every view row; a "Tag" column shows the view's
+// tag of the row, as it is written when the view is saved.
+Grid gridOf(ODBViewRep& view, const std::vector<int>& columns) {
+  Grid grid;
+  int tagColumn = view.get_fieldnum(LightweightString<char>("Tag"));
+  for (int c : columns) {
+    grid.names.push_back(view.get_fieldname(c));
+    DBFieldTypes::eType type = view.get_field_type(c);
+    grid.rightAligned.push_back(type == DBFieldTypes::numeric || type == DBFieldTypes::long_ ||
+                                type == DBFieldTypes::double_);
+  }
+  for (unsigned int r = 0; r < view.get_num_records(); ++r) {
+    std::vector<std::string> row;
+    for (int c : columns) {
+      if (c == tagColumn)
+        row.push_back(std::to_string(view.get_tag(r) != 0 ? 1 : 0));
+      else
+        row.push_back(view.getField(r, static_cast<unsigned int>(c)).toStdString());
+    }
+    grid.rows.push_back(std::move(row));
+  }
+  return grid;
+}
+
 // The first `limit` rows of the view in a few telling columns.
 void printRows(ODBViewRep& view, const std::vector<int>& columns, unsigned int limit) {
   Grid grid = gridOf(view, columns);

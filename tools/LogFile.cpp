@@ -1,40 +1,53 @@
 #include "LogFile.h"
 
 #include <strings.h>
+#include <unistd.h>
 #include <zyldb/db/dbrecord.h>
+#include <zyldb/interchange/Interchange.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <optional>
+#include <memory>
+#include <nlohmann/json.hpp>
 
 #include "Output.h"
+#include "Progress.h"
 
 namespace zyl::cli {
 
 namespace {
 
-// How much of a file is looked at to tell text from binary data.
+// How much of an input is looked at to tell text from binary data.
 constexpr size_t kSniffBytes = 64 * 1024;
-// More comma-separated lines of the wrong width than this are summed up in
-// one message instead of one each.
-constexpr int kMaxLineProblems = 10;
+// The lines kept for diagnosing a header: more than the most parameter
+// lines a log holds plus its four column-header lines.
+constexpr size_t kHeaderLines = 256;
+constexpr size_t kHeaderBytes = 1 << 20;
+// Every this many lines the start of a line is remembered, so that a line
+// named by an error is found by reading at most this many lines.
+constexpr uint32_t kCheckpointLines = 4096;
+// Blank lines whose positions are remembered.
+constexpr size_t kBlankLinesKept = 64;
+// The name the library is given for stdin; the watching service serves it.
+const wchar_t kStdinName[] = L"-";
 
-// Collects the library's log messages while it lives, instead of letting
-// them reach stderr: the tool explains them in its own words.
-class LogCapture {
+const char kByteOrderMark[] = "\xEF\xBB\xBF";
+
+// Keeps the library's log messages off stderr while it lives: every
+// condition of a load they report is explained by the tool from the
+// table's error record and the header, in a person's words.
+class QuietLibrary {
  public:
-  LogCapture() {
-    previous_ = zyl::setLogSink(
-        [this](zyl::LogLevel, const char* message) { messages.push_back(message ? message : ""); });
+  QuietLibrary() {
+    previous_ = zyl::setLogSink([](zyl::LogLevel, const char*) {});
   }
-  ~LogCapture() { zyl::setLogSink(previous_); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  std::vector<std::string> messages;
+  ~QuietLibrary() { zyl::setLogSink(previous_); }
+  QuietLibrary(const QuietLibrary&) = delete;
+  QuietLibrary& operator=(const QuietLibrary&) = delete;
 
  private:
   zyl::LogSink previous_;
@@ -51,7 +64,9 @@ std::string ordinal(long n) {
 }
 
 // A short, printable quotation of a line for a message.
-std::string quoteLine(const char* line) { return "\"" + cutToWidth(displayText(line), 40) + "\""; }
+std::string quoteLine(std::string_view line) {
+  return "\"" + cutToWidth(displayText(line), 40) + "\"";
+}
 
 // Why the sample of a file is not text, or nothing when it is.
 std::optional<std::string> binaryReason(std::string_view sample) {
@@ -76,82 +91,170 @@ std::optional<std::string> binaryReason(std::string_view sample) {
   return std::nullopt;
 }
 
-// The fields of line `index` (0-based) as the record reader sees them.
-struct LineFields {
-  int count = 0;
-  dbrecord record;
+bool blankLine(std::string_view line) {
+  return line.find_first_not_of(" \t\r\f\v") == std::string_view::npos;
+}
+
+// What the watching service learnt from the one read of an input.
+struct ReadNotes {
+  bool read = false;
+  uint64_t bytes = 0;
+  bool byteOrderMark = false;
+  std::optional<std::string> binary;
+  std::vector<std::string> header;  // the first lines, up to kHeaderLines
+  uint32_t lines = 0;
+  uint64_t nonBlankLines = 0;
+  // (line index, non-blank lines before it) of the first blank lines.
+  std::vector<std::pair<uint32_t, uint64_t>> blanks;
+  // Byte offset of line i * kCheckpointLines.
+  std::vector<uint64_t> checkpoints;
 };
 
-void readLine(TextFile& file, unsigned int index, LineFields& out) {
-  file.currentLine = index;
-  out.count = out.record.read(file) > 0 ? static_cast<int>(out.record.get_num_fields()) : 0;
-}
-
-bool isBlank(TextFile& file, unsigned int index) { return isEssentiallyEmpty(file.line(index)); }
-
-void diagnoseCsv(OpenLog& log, TextFile& file) {
-  LightweightString<char> header = file[0];
-  size_t columns = Qm::splitIf(header, ',', 2).size();
-  if (file.getNumLines() > 0 && columns == 0) {
-    log.problems.push_back({1, "the first line is blank, so the file has no column names"});
-    return;
+// The file service in force while the tool loads an input: forwards every
+// call to the service it replaced, serves stdin under kStdinName, and notes
+// what a diagnosis needs while the bytes pass by, so that the input is
+// never read a second time.
+class WatchingService : public zyl::FileService {
+ public:
+  WatchingService(ReadNotes& notes, std::string* stdinBytes)
+      : notes_(notes), stdinBytes_(stdinBytes) {
+    inner_ = OS()->setFileService(this);
   }
-  int reported = 0, unreported = 0;
-  for (unsigned int i = 1; i < file.getNumLines(); ++i) {
-    size_t values = Qm::splitIf(file[i], ',', 2).size();
-    if (values == 0 || values == columns) continue;
-    log.incomplete = true;
-    if (reported == kMaxLineProblems) {
-      ++unreported;
-      continue;
+  ~WatchingService() override { OS()->setFileService(inner_); }
+  WatchingService(const WatchingService&) = delete;
+  WatchingService& operator=(const WatchingService&) = delete;
+
+  bool readFile(const LightweightString<wchar_t>& path, std::string* out) override {
+    bool isStdin = stdinBytes_ != nullptr && path.view() == kStdinName;
+    if (isStdin) {
+      *out = std::move(*stdinBytes_);
+    } else if (!inner_->readFile(path, out)) {
+      return false;
     }
-    ++reported;
-    std::string text = "line has " + plural(static_cast<long>(values), "value", "values") +
-                       ", the file has " + plural(static_cast<long>(columns), "column", "columns");
-    text += values > columns
-                ? "; the values after the " + ordinal(static_cast<long>(columns)) + " are dropped"
-                : "; the missing values are left empty";
-    log.problems.push_back({static_cast<int>(i) + 1, text});
+    notes_.read = true;
+    notes_.bytes = out->size();
+    std::string_view text(*out);
+    if (text.substr(0, 3) == kByteOrderMark) {
+      // The mark is no part of the first line: the reader gets the text
+      // without it, and check names it.
+      notes_.byteOrderMark = true;
+      out->erase(0, 3);
+      text = *out;
+    }
+    notes_.binary = binaryReason(text.substr(0, kSniffBytes));
+    if (notes_.binary) {
+      out->clear();
+      return false;
+    }
+    scan(text);
+    return true;
   }
-  if (unreported > 0)
-    log.problems.push_back({0, plural(unreported, "more line has", "more lines have") +
-                                   " the wrong number of values"});
+  bool writeFile(const LightweightString<wchar_t>& path, const char* data, size_t n) override {
+    return inner_->writeFile(path, data, n);
+  }
+  bool move(const LightweightString<wchar_t>& from, const LightweightString<wchar_t>& to,
+            int flags) override {
+    return inner_->move(from, to, flags);
+  }
+  bool remove(const LightweightString<wchar_t>& path) override { return inner_->remove(path); }
+  bool exists(const LightweightString<wchar_t>& path) override { return inner_->exists(path); }
+  bool isDirectory(const LightweightString<wchar_t>& path) override {
+    return inner_->isDirectory(path);
+  }
+  std::string lastError() const override { return inner_->lastError(); }
+
+ private:
+  void scan(std::string_view text) {
+    size_t headerBytes = 0;
+    for (size_t start = 0; start < text.size();) {
+      size_t end = text.find('\n', start);
+      if (end == std::string_view::npos) end = text.size();
+      std::string_view line = text.substr(start, end - start);
+      uint32_t index = notes_.lines++;
+      if (index % kCheckpointLines == 0) notes_.checkpoints.push_back(start);
+      if (notes_.header.size() < kHeaderLines && headerBytes < kHeaderBytes) {
+        notes_.header.emplace_back(line);
+        headerBytes += line.size();
+      }
+      if (blankLine(line)) {
+        if (notes_.blanks.size() < kBlankLinesKept)
+          notes_.blanks.emplace_back(index, notes_.nonBlankLines);
+      } else {
+        ++notes_.nonBlankLines;
+      }
+      start = end + 1;
+    }
+  }
+
+  ReadNotes& notes_;
+  std::string* stdinBytes_;
+  zyl::FileService* inner_;
+};
+
+// Line `index` (0-based) of the file at `path`, read on demand from the
+// nearest remembered line start; nullopt when it cannot be read.
+std::optional<std::string> lineOnDemand(const std::string& path, const ReadNotes& notes,
+                                        uint32_t index) {
+  if (index < notes.header.size()) return notes.header[index];
+  if (path == "-" || index / kCheckpointLines >= notes.checkpoints.size()) return std::nullopt;
+  std::ifstream in(path, std::ios::binary);
+  in.seekg(static_cast<std::streamoff>(notes.checkpoints[index / kCheckpointLines]));
+  std::string line;
+  for (uint32_t i = index - index % kCheckpointLines; i <= index; ++i)
+    if (!std::getline(in, line)) return std::nullopt;
+  return line;
 }
 
-void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& messages) {
+// The number of fields dbrecord reads from `line`; 0 for a blank line.
+int fieldCount(std::string_view line) {
+  TextFile file;
+  file.appendLine(line);
+  dbrecord record;
+  return record.read(file) > 0 ? static_cast<int>(record.get_num_fields()) : 0;
+}
+
+void diagnoseLog(OpenLog& log, const ReadNotes& notes) {
   zyldb& table = *log.table;
+  TextFile header;
+  for (const std::string& line : notes.header) header.appendLine(std::string_view(line));
+  auto fields = [&header](unsigned int index, dbrecord& record) {
+    header.currentLine = index;
+    return record.read(header) > 0 ? static_cast<int>(record.get_num_fields()) : 0;
+  };
   // Line numbers of the column header, found as the reader finds them.
   unsigned int terminator = 0;
-  for (unsigned int i = 1; i < file.getNumLines(); ++i) {
-    LineFields f;
-    readLine(file, i, f);
-    if (f.count > 0 && strcasecmp(f.record.get_field(0), "ZYLDB") == 0) {
+  for (unsigned int i = 1; i < header.getNumLines(); ++i) {
+    dbrecord record;
+    if (fields(i, record) > 0 && strcasecmp(record.get_field(0), "ZYLDB") == 0) {
       terminator = i;
       break;
     }
   }
   unsigned int widthsLine = terminator + 1, typesLine = terminator + 2, namesLine = terminator + 3;
-  LineFields widths, types, names;
-  readLine(file, widthsLine, widths);
-  readLine(file, typesLine, types);
-  readLine(file, namesLine, names);
+  dbrecord widths, types, names;
+  int widthCount = fields(widthsLine, widths);
+  int typeCount = fields(typesLine, types);
+  int nameCount = fields(namesLine, names);
 
+  dberror e;
+  bool hasError = table.read_error_info(e) != 0;
   if (!table.get_valid()) {
-    dberror e;
     if (terminator == 0) {
       log.problems.push_back(
           {0,
            "the header never ends: no \"ZYLDB\" line follows its parameter lines, so the file "
            "has no column header"});
-    } else if (table.read_error_info(e) && e.code == 3 && e.detail == 3) {
+    } else if (hasError && e.code == DBLoadError::columnHeader &&
+               e.detail == DBLoadError::typesLine) {
       log.problems.push_back({static_cast<int>(typesLine) + 1,
-                              "the types line has " + plural(types.count, "field", "fields") +
-                                  ", the widths line has " + std::to_string(widths.count) +
+                              "the types line has " + plural(typeCount, "field", "fields") +
+                                  ", the widths line has " + std::to_string(widthCount) +
                                   "; they must have one per column"});
-    } else if (table.read_error_info(e) && e.code == 3 && e.detail == 4) {
+    } else if (hasError && e.code == DBLoadError::columnHeader &&
+               e.detail == DBLoadError::namesLine) {
       log.problems.push_back({static_cast<int>(namesLine) + 1,
-                              "the names line has " + plural(names.count, "field", "fields") +
-                                  ", the log has " + plural(widths.count, "column", "columns")});
+                              "the names line has " + plural(nameCount, "field", "fields") +
+                                  ", the log has " + plural(widthCount, "column", "columns")});
     } else {
       log.problems.push_back({0, "the library could not load the file"});
     }
@@ -171,8 +274,8 @@ void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& m
   if (table.get_num_fields() == 0)
     log.problems.push_back(
         {static_cast<int>(widthsLine) + 1, "the widths line is empty, so the log has no columns"});
-  for (unsigned int c = 0; c < static_cast<unsigned int>(types.count); ++c) {
-    const char* keyword = types.record.get_field(static_cast<unsigned short>(c));
+  for (unsigned int c = 0; c < static_cast<unsigned int>(typeCount); ++c) {
+    const char* keyword = types.get_field(static_cast<unsigned short>(c));
     if (keyword != nullptr && zyldb_string_to_fieldtype(keyword) == DBFieldTypes::none)
       log.problems.push_back({static_cast<int>(typesLine) + 1,
                               "column " + std::to_string(c + 1) + " (\"" + table.get_fieldname(c) +
@@ -181,120 +284,305 @@ void diagnoseLog(OpenLog& log, TextFile& file, const std::vector<std::string>& m
   }
 
   unsigned int rows = table.getNumRawRecords();
-  dberror e;
-  if (table.read_error_info(e) && e.code == 1) {
+  if (hasError && e.code == DBLoadError::rowFieldCount) {
     unsigned int bad = namesLine + 1 + static_cast<unsigned int>(e.detail);
-    LineFields record;
-    readLine(file, bad, record);
+    std::optional<std::string> line = lineOnDemand(log.path, notes, bad);
+    std::string count =
+        line ? "record has " + plural(fieldCount(*line), "field", "fields") + ", the log has "
+             : "record does not have one field per column; the log has ";
     log.problems.push_back(
         {static_cast<int>(bad) + 1,
-         "record has " + plural(record.count, "field", "fields") + ", the log has " +
-             plural(static_cast<long>(table.get_num_fields()), "column", "columns") + "; " +
+         count + plural(static_cast<long>(table.get_num_fields()), "column", "columns") + "; " +
              plural(e.detail, "record", "records") + " before it " +
              (e.detail == 1 ? "is" : "are") + " usable"});
     log.incomplete = true;
   } else {
-    unsigned int after = namesLine + 1 + rows;
-    if (after < file.getNumLines() && isBlank(file, after)) {
-      long ignored = 0;
-      for (unsigned int i = after + 1; i < file.getNumLines(); ++i)
-        if (!isBlank(file, i)) ++ignored;
+    uint32_t after = namesLine + 1 + rows;
+    for (auto [index, nonBlankBefore] : notes.blanks) {
+      if (index != after) continue;
+      uint64_t ignored = notes.nonBlankLines - nonBlankBefore;
       if (ignored > 0) {
-        log.problems.push_back(
-            {static_cast<int>(after) + 1, "a blank line ends the records; the " +
-                                              plural(ignored, "line", "lines") + " after it " +
-                                              (ignored == 1 ? "is" : "are") + " not read"});
+        log.problems.push_back({static_cast<int>(after) + 1,
+                                "a blank line ends the records; the " +
+                                    plural(static_cast<long>(ignored), "line", "lines") +
+                                    " after it " + (ignored == 1 ? "is" : "are") + " not read"});
         log.incomplete = true;
       }
     }
   }
+}
 
-  static const char* const kExplained[] = {
-      "zyldb::add_text: returning because not all fields filled",
-      "zyldb::add_text: returning because no more lines",
-      "zyldb::read_text:  Warning: zyldb is revision"};
-  for (const std::string& m : messages) {
-    bool explained = false;
-    for (const char* prefix : kExplained)
-      if (m.rfind(prefix, 0) == 0) explained = true;
-    if (explained) continue;
-    std::string text = m;
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    log.problems.push_back({0, "the library says: " + text});
+// Builds a table from a JSON document of the shape the tool writes:
+// {"parameters": {NAME: VALUE, ...}, "columns": [{"name": N, "type": T}, ...],
+//  "rows": [{COLUMN: VALUE, ...}, ...]}.
+void loadJson(OpenLog& log, const std::string& bytes) {
+  using json = nlohmann::ordered_json;
+  auto fail = [&log](std::string text) {
+    log.problems.push_back({0, std::move(text)});
+    log.table = nullptr;
+  };
+  json doc;
+  try {
+    doc = json::parse(bytes);
+  } catch (const json::parse_error& e) {
+    // Report the line of the byte where parsing stopped.
+    size_t at = std::min<size_t>(e.byte > 0 ? e.byte - 1 : 0, bytes.size());
+    int line = 1 + static_cast<int>(std::count(bytes.begin(), bytes.begin() + at, '\n'));
+    log.problems.push_back({line, "not a JSON document the tool reads: syntax error"});
+    return;
+  }
+  if (!doc.is_object() || !doc.contains("columns") || !doc["columns"].is_array())
+    return fail("a JSON log needs an object with a \"columns\" array");
+  std::vector<DBFieldDesc> descs;
+  for (const json& column : doc["columns"]) {
+    if (!column.is_object() || !column.contains("name") || !column["name"].is_string())
+      return fail("every member of \"columns\" needs a \"name\" string");
+    std::string type = column.contains("type") && column["type"].is_string()
+                           ? column["type"].get<std::string>()
+                           : "text";
+    DBFieldTypes::eType t = zyldb_string_to_fieldtype(type.c_str());
+    if (t == DBFieldTypes::none) {
+      log.problems.push_back({0, "column \"" + column["name"].get<std::string>() +
+                                     "\" has the unknown type \"" + type +
+                                     "\"; it is read as text"});
+      t = DBFieldTypes::text;
+    }
+    descs.push_back({column["name"].get<std::string>(), t});
+  }
+  log.table = Qm::Ptr<zyldb>(new zyldb(descs));
+  zyldb& table = *log.table;
+  if (doc.contains("parameters") && doc["parameters"].is_object())
+    for (const auto& [name, value] : doc["parameters"].items())
+      table.add_param(name.c_str(),
+                      value.is_string() ? value.get<std::string>().c_str() : value.dump().c_str());
+  if (!doc.contains("rows")) return;
+  if (!doc["rows"].is_array()) return fail("\"rows\" must be an array of objects");
+  const json& rows = doc["rows"];
+  table.add_records(static_cast<int>(rows.size()));
+  for (size_t r = 0; r < rows.size(); ++r) {
+    if (!rows[r].is_object()) return fail("row " + std::to_string(r + 1) + " is not an object");
+    for (const auto& [name, value] : rows[r].items()) {
+      int column = table.get_fieldnum(LightweightString<char>(name));
+      if (column < 0) {
+        log.problems.push_back({0, "row " + std::to_string(r + 1) + " has \"" + name +
+                                       "\", which is not a column; it is dropped"});
+        log.incomplete = true;
+        continue;
+      }
+      std::string text = value.is_string() ? value.get<std::string>()
+                                           : (value.is_null() ? std::string() : value.dump());
+      table.setField(static_cast<unsigned int>(r), static_cast<unsigned int>(column),
+                     LightweightString<char>(text));
+    }
+  }
+}
+
+bool readStdin(std::string& out) {
+  char buffer[1 << 16];
+  for (;;) {
+    ssize_t n = ::read(STDIN_FILENO, buffer, sizeof buffer);
+    if (n == 0) return true;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    out.append(buffer, static_cast<size_t>(n));
   }
 }
 
 }  // namespace
 
+namespace {
+
+namespace ix = zyl::interchange;
+
+std::optional<Format> fromInterchange(ix::Format f) {
+  switch (f) {
+    case ix::Format::Log:
+      return Format::log;
+    case ix::Format::Csv:
+      return Format::csv;
+    case ix::Format::Tsv:
+      return Format::tsv;
+    case ix::Format::Ale:
+      return Format::ale;
+    case ix::Format::Json:
+      return Format::json;
+    case ix::Format::Unknown:
+      break;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+const char* formatName(Format format) {
+  switch (format) {
+    case Format::log:
+      return ix::formatName(ix::Format::Log);
+    case Format::csv:
+      return ix::formatName(ix::Format::Csv);
+    case Format::tsv:
+      return ix::formatName(ix::Format::Tsv);
+    case Format::ale:
+      return ix::formatName(ix::Format::Ale);
+    case Format::json:
+      return ix::formatName(ix::Format::Json);
+    case Format::table:
+      return "table";
+  }
+  return "table";
+}
+
+std::optional<Format> formatFromOption(const std::string& text) {
+  if (strcasecmp(text.c_str(), "table") == 0) return Format::table;
+  return fromInterchange(ix::formatFromName(text));
+}
+
+std::optional<Format> formatFromExtension(const std::string& path) {
+  return fromInterchange(ix::formatFromExtension(path));
+}
+
 std::string OpenLog::describe(const Problem& p) const {
-  std::string out = path + ": ";
+  std::string out = shownName() + ": ";
   if (p.line > 0) out += "line " + std::to_string(p.line) + ": ";
   return out + p.text;
 }
+
+std::string OpenLog::shownName() const { return path == "-" ? "stdin" : path; }
 
 LightweightString<wchar_t> widePath(const std::string& path) {
   return fromUTF8(LightweightString<char>(path));
 }
 
-bool isCsvName(const std::string& path) {
-  return path.size() >= 4 && path.compare(path.size() - 4, 4, ".csv") == 0;
-}
-
-OpenLog openLog(const std::string& path) {
+OpenLog openLog(const std::string& path, const OpenOptions& options) {
   OpenLog log;
   log.path = path;
-  log.csv = isCsvName(path);
   auto fail = [&log](int line, std::string text) {
     log.problems.push_back({line, std::move(text)});
     return log;
   };
 
-  namespace fs = std::filesystem;
-  std::error_code ec;
-  fs::file_status status = fs::status(path, ec);
-  if (status.type() == fs::file_type::not_found) return fail(0, "no such file");
-  if (ec) return fail(0, "cannot be read: " + ec.message());
-  if (status.type() == fs::file_type::directory) return fail(0, "is a directory, not a log");
-  if (status.type() != fs::file_type::regular) return fail(0, "is not a regular file");
+  bool isStdin = path == "-";
+  std::string stdinBytes;
+  if (isStdin) {
+    if (!readStdin(stdinBytes))
+      return fail(0, std::string("cannot be read: ") + std::strerror(errno));
+    if (options.format) {
+      log.format = *options.format;
+    } else {
+      // Guess from the first bytes: a log header, a JSON object, else CSV.
+      std::string_view start(stdinBytes);
+      if (start.substr(0, 3) == kByteOrderMark) start.remove_prefix(3);
+      size_t first = start.find_first_not_of(" \t\r\n");
+      if (first != std::string_view::npos && start[first] == '{')
+        log.format = Format::json;
+      else if (strncasecmp(std::string(start.substr(0, 7)).c_str(), "\"ZYLDB:", 7) == 0 ||
+               strncasecmp(std::string(start.substr(0, 6)).c_str(), "ZYLDB:", 6) == 0)
+        log.format = Format::log;
+      else
+        log.format = Format::csv;
+    }
+  } else {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    fs::file_status status = fs::status(path, ec);
+    if (status.type() == fs::file_type::not_found) return fail(0, "no such file");
+    if (ec) return fail(0, "cannot be read: " + ec.message());
+    if (status.type() == fs::file_type::directory) return fail(0, "is a directory, not a log");
+    if (status.type() != fs::file_type::regular) return fail(0, "is not a regular file");
+    log.format = options.format ? *options.format : formatFromExtension(path).value_or(Format::log);
+    if (log.format == Format::table) log.format = Format::log;
+  }
+  ReadNotes notes;
+  if (log.format != Format::log) {
+    std::string bytes;
+    {
+      WatchingService watch(notes, isStdin ? &stdinBytes : nullptr);
+      if (!OS()->fileService().readFile(
+              isStdin ? LightweightString<wchar_t>(kStdinName) : widePath(path), &bytes) &&
+          !notes.binary)
+        return fail(0, "cannot be read: " + OS()->fileService().lastError());
+    }
+    log.bytes = notes.bytes;
+    if (notes.binary) return fail(0, *notes.binary);
+    if (notes.bytes == 0) return fail(0, "the file is empty");
+    if (log.format == Format::json) {
+      loadJson(log, bytes);
+      return log;
+    }
+    ix::Error err;
+    std::unique_ptr<zyldb> table;
+    if (log.format == Format::csv)
+      table = ix::readCsv(bytes, ix::CsvOptions{}, &err);
+    else if (log.format == Format::tsv)
+      table = ix::readTsv(bytes, &err);
+    else
+      table = ix::readAle(bytes, &err);
+    if (!table) return fail(0, err.message);
+    log.table = Qm::Ptr<zyldb>(table.release());
+    return log;
+  }
 
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return fail(0, std::string("cannot be read: ") + std::strerror(errno));
-  std::string sample(kSniffBytes, '\0');
-  in.read(sample.data(), static_cast<std::streamsize>(sample.size()));
-  sample.resize(static_cast<size_t>(in.gcount()));
-  if (sample.empty()) return fail(0, "the file is empty");
-  if (auto reason = binaryReason(sample)) return fail(0, *reason);
+  LightweightString<wchar_t> name =
+      isStdin ? LightweightString<wchar_t>(kStdinName) : widePath(path);
 
-  TextFile file;
-  if (!file.load(widePath(path), '\n', false)) return fail(0, "cannot be read");
+  QuietLibrary quiet;
+  {
+    WatchingService watch(notes, isStdin ? &stdinBytes : nullptr);
+    int maxRows = options.maxRows >= 0 && options.maxRows < INT_MAX
+                      ? static_cast<int>(std::max<long>(options.maxRows, 1))
+                      : INT_MAX;
+    log.table = Qm::Ptr<zyldb>(new zyldb());
+    Progress progress("reading " + log.shownName(), 0, Progress::Unit::bytes);
+    log.table->setProgress([&progress](uint64_t done, uint64_t total) {
+      progress.setTotal(total);
+      progress.show(done);
+    });
+    log.table->set_filename(name);
+    log.table->loadFromFile(maxRows, true);
+    log.table->setProgress({});
+  }
+  log.bytes = notes.bytes;
+  log.byteOrderMark = notes.byteOrderMark;
+  if (notes.binary) {
+    log.table = nullptr;
+    return fail(0, *notes.binary);
+  }
+  if (!notes.read) {
+    log.table = nullptr;
+    return fail(0, "cannot be read");
+  }
+  if (notes.bytes == 0) {
+    log.table = nullptr;
+    return fail(0, "the file is empty");
+  }
+  if (log.byteOrderMark)
+    log.problems.push_back({1, "the file starts with a UTF-8 byte-order mark"});
 
-  if (!log.csv) {
-    // The library treats a file without a first "ZYLDB:" parameter line as
-    // no log at all, silently; say what the file starts with instead.
-    LineFields first;
-    readLine(file, 0, first);
-    if (first.count == 0)
-      return fail(1, "the first line is blank; a log starts with the line \"ZYLDB:Rev 1\"");
-    if (strncasecmp(first.record.get_field(0), "ZYLDB:", 6) != 0) {
-      std::string text = "no log header: a log starts with \"ZYLDB:Rev 1\", this file with " +
-                         quoteLine(file.line(0));
-      if (std::strchr(file.line(0), ',') != nullptr && std::strchr(file.line(0), '"') == nullptr)
+  // The library treats an input without a first "ZYLDB:" parameter line as
+  // no log at all, silently; say what it starts with instead.
+  std::string_view first = notes.header.empty() ? std::string_view() : notes.header[0];
+  int firstFields = fieldCount(first);
+  if (firstFields == 0) {
+    log.table = nullptr;
+    return fail(1, "the first line is blank; a log starts with the line \"ZYLDB:Rev 1\"");
+  }
+  {
+    TextFile one;
+    one.appendLine(first);
+    dbrecord record;
+    record.read(one);
+    if (strncasecmp(record.get_field(0), "ZYLDB:", 6) != 0) {
+      log.table = nullptr;
+      std::string text =
+          "no log header: a log starts with \"ZYLDB:Rev 1\", this file with " + quoteLine(first);
+      if (first.find(',') != std::string_view::npos && first.find('"') == std::string_view::npos)
         text += "; a comma-separated file needs a name ending in \".csv\"";
       return fail(1, text);
     }
   }
-
-  LogCapture capture;
-  log.table = Qm::Ptr<zyldb>(new zyldb(widePath(path), INT_MAX, true));
-  if (log.csv) {
-    if (!log.table->get_valid()) {
-      log.table = nullptr;
-      return fail(0, "the library could not load the file");
-    }
-    diagnoseCsv(log, file);
-  } else {
-    diagnoseLog(log, file, capture.messages);
-  }
+  diagnoseLog(log, notes);
   return log;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cwchar>
 
 namespace zyl::cli {
 
@@ -73,24 +74,13 @@ void appendUtf8(std::string& out, char32_t cp) {
   }
 }
 
+// The terminal width of one character, as the C library's wcwidth gives it
+// under a UTF-8 locale (main sets one): 2 for wide East Asian characters and
+// emoji, 0 for combining marks and format characters such as the byte-order
+// mark. A character wcwidth does not know (-1) takes one column.
 size_t charWidth(char32_t cp) {
-  struct Range {
-    char32_t lo, hi;
-  };
-  static constexpr Range kCombining[] = {{0x0300, 0x036F}, {0x0483, 0x0489}, {0x0591, 0x05BD},
-                                         {0x0610, 0x061A}, {0x064B, 0x065F}, {0x1AB0, 0x1AFF},
-                                         {0x1DC0, 0x1DFF}, {0x200B, 0x200F}, {0x20D0, 0x20FF},
-                                         {0xFE00, 0xFE0F}, {0xFE20, 0xFE2F}};
-  static constexpr Range kWide[] = {{0x1100, 0x115F},   {0x2E80, 0x303E},   {0x3041, 0x33FF},
-                                    {0x3400, 0x4DBF},   {0x4E00, 0x9FFF},   {0xA000, 0xA4CF},
-                                    {0xAC00, 0xD7A3},   {0xF900, 0xFAFF},   {0xFE30, 0xFE4F},
-                                    {0xFF00, 0xFF60},   {0xFFE0, 0xFFE6},   {0x1F300, 0x1F64F},
-                                    {0x1F900, 0x1F9FF}, {0x20000, 0x2FFFD}, {0x30000, 0x3FFFD}};
-  for (const Range& r : kCombining)
-    if (cp >= r.lo && cp <= r.hi) return 0;
-  for (const Range& r : kWide)
-    if (cp >= r.lo && cp <= r.hi) return 2;
-  return 1;
+  int w = ::wcwidth(static_cast<wchar_t>(cp));
+  return w < 0 ? 1 : static_cast<size_t>(w);
 }
 
 std::string padRight(const std::string& text, size_t width) {
@@ -149,22 +139,14 @@ std::string cutToWidth(std::string_view text, size_t width) {
   return out;
 }
 
-TableLayout layoutTable(const Grid& grid, size_t lineWidth) {
-  size_t n = grid.names.size();
-  std::vector<size_t> natural(n);
-  for (size_t c = 0; c < n; ++c) {
-    size_t w = displayWidth(displayText(grid.names[c]));
-    for (const auto& row : grid.rows)
-      if (c < row.size()) w = std::max(w, displayWidth(displayText(row[c])));
-    natural[c] = std::max<size_t>(w, 1);
-  }
-  TableLayout layout;
+std::vector<size_t> fitWidths(const std::vector<size_t>& naturalWidths, size_t lineWidth) {
+  size_t n = naturalWidths.size();
+  std::vector<size_t> natural(naturalWidths);
+  for (size_t& w : natural) w = std::max<size_t>(w, 1);
+  std::vector<size_t> widths;
   size_t total = 0;
   for (size_t c = 0; c < n; ++c) total += natural[c] + (c ? kGap : 0);
-  if (lineWidth == 0 || total <= lineWidth) {
-    layout.widths = natural;
-    return layout;
-  }
+  if (lineWidth == 0 || total <= lineWidth) return natural;
   // Keep columns from the left while their minimum widths fit.
   size_t used = 0;
   for (size_t c = 0; c < n; ++c) {
@@ -172,12 +154,12 @@ TableLayout layoutTable(const Grid& grid, size_t lineWidth) {
     size_t need = minimum + (c ? kGap : 0);
     if (used + need > lineWidth) {
       if (c == 0) {
-        layout.widths.push_back(std::max<size_t>(lineWidth, 1));
+        widths.push_back(std::max<size_t>(lineWidth, 1));
         used = lineWidth;
       }
       break;
     }
-    layout.widths.push_back(minimum);
+    widths.push_back(minimum);
     used += need;
   }
   // Share out the room left, one column at a time to the narrowest column
@@ -185,44 +167,58 @@ TableLayout layoutTable(const Grid& grid, size_t lineWidth) {
   size_t spare = lineWidth > used ? lineWidth - used : 0;
   while (spare > 0) {
     size_t best = SIZE_MAX;
-    for (size_t c = 0; c < layout.widths.size(); ++c) {
-      if (layout.widths[c] >= natural[c]) continue;
-      if (best == SIZE_MAX || layout.widths[c] < layout.widths[best]) best = c;
+    for (size_t c = 0; c < widths.size(); ++c) {
+      if (widths[c] >= natural[c]) continue;
+      if (best == SIZE_MAX || widths[c] < widths[best]) best = c;
     }
     if (best == SIZE_MAX) break;
-    ++layout.widths[best];
+    ++widths[best];
     --spare;
   }
-  return layout;
+  return widths;
+}
+
+TableLayout layoutTable(const Grid& grid, size_t lineWidth) {
+  std::vector<size_t> natural(grid.names.size());
+  for (size_t c = 0; c < natural.size(); ++c) {
+    size_t w = displayWidth(displayText(grid.names[c]));
+    for (const auto& row : grid.rows)
+      if (c < row.size()) w = std::max(w, displayWidth(displayText(row[c])));
+    natural[c] = w;
+  }
+  return TableLayout{fitWidths(natural, lineWidth)};
+}
+
+std::string renderRow(const std::vector<std::string>& cells, const std::vector<size_t>& widths,
+                      const std::vector<bool>& rightAligned, bool header) {
+  std::string line;
+  for (size_t c = 0; c < widths.size(); ++c) {
+    if (c) line += std::string(kGap, ' ');
+    std::string text = cutToWidth(displayText(c < cells.size() ? cells[c] : ""), widths[c]);
+    bool right = !header && c < rightAligned.size() && rightAligned[c];
+    line += right ? padLeft(text, widths[c]) : padRight(text, widths[c]);
+  }
+  rtrimBlanks(line);
+  return line + "\n";
+}
+
+std::string ruleLine(const std::vector<size_t>& widths) {
+  std::string rule;
+  for (size_t c = 0; c < widths.size(); ++c) {
+    if (c) rule += std::string(kGap, ' ');
+    rule += std::string(widths[c], '-');
+  }
+  return rule + "\n";
 }
 
 std::string renderTable(const Grid& grid, size_t lineWidth, std::vector<std::string>* dropped) {
   TableLayout layout = layoutTable(grid, lineWidth);
-  size_t shown = layout.widths.size();
   if (dropped != nullptr)
-    for (size_t c = shown; c < grid.names.size(); ++c) dropped->push_back(grid.names[c]);
-
-  auto renderLine = [&](const std::vector<std::string>& cells, bool header) {
-    std::string line;
-    for (size_t c = 0; c < shown; ++c) {
-      if (c) line += std::string(kGap, ' ');
-      std::string text =
-          cutToWidth(displayText(c < cells.size() ? cells[c] : ""), layout.widths[c]);
-      bool right = !header && c < grid.rightAligned.size() && grid.rightAligned[c];
-      line += right ? padLeft(text, layout.widths[c]) : padRight(text, layout.widths[c]);
-    }
-    rtrimBlanks(line);
-    return line + "\n";
-  };
-
-  std::string out = renderLine(grid.names, true);
-  std::string rule;
-  for (size_t c = 0; c < shown; ++c) {
-    if (c) rule += std::string(kGap, ' ');
-    rule += std::string(layout.widths[c], '-');
-  }
-  out += rule + "\n";
-  for (const auto& row : grid.rows) out += renderLine(row, false);
+    for (size_t c = layout.widths.size(); c < grid.names.size(); ++c)
+      dropped->push_back(grid.names[c]);
+  std::string out = renderRow(grid.names, layout.widths, grid.rightAligned, true);
+  out += ruleLine(layout.widths);
+  for (const auto& row : grid.rows) out += renderRow(row, layout.widths, grid.rightAligned, false);
   return out;
 }
 

@@ -27,8 +27,9 @@ struct Grid {
 // byte. REQUIRES: pos < text.size().
 char32_t decodeUtf8(std::string_view text, size_t& pos);
 
-// The width of a text on a terminal, after displayText: one per character,
-// two for wide East Asian characters, none for combining marks.
+// The width of a text on a terminal, after displayText, from the C
+// library's wcwidth (main sets a UTF-8 LC_CTYPE): two for wide East Asian
+// characters and emoji, none for combining marks and the byte-order mark.
 size_t displayWidth(std::string_view text);
 
 // The text as it should appear in one table cell: line feeds become "↵",
@@ -52,6 +53,16 @@ struct TableLayout {
 // that narrow columns are shown whole before wide ones grow. At least one
 // column is always kept.
 TableLayout layoutTable(const Grid& grid, size_t lineWidth);
+// The same choice from each column's natural width (its widest cell or
+// name); the result has one width per column kept.
+std::vector<size_t> fitWidths(const std::vector<size_t>& natural, size_t lineWidth);
+
+// One line of a table: `cells` cut and padded to `widths` (numbers right-
+// aligned unless `header`), two blanks apart, no trailing blanks.
+std::string renderRow(const std::vector<std::string>& cells, const std::vector<size_t>& widths,
+                      const std::vector<bool>& rightAligned, bool header);
+// The line of dashes under a table's names.
+std::string ruleLine(const std::vector<size_t>& widths);
 
 // The aligned table: a line of names, a line of dashes and one line per row,
 // columns two blanks apart, no trailing blanks. Names of the columns left

@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 
 #include "Common.h"
+#include "Query.h"
 
 namespace zyl::cli {
 
@@ -42,48 +44,34 @@ std::vector<int> arrangedColumns(zyldb& table) {
   return columns;
 }
 
-// Prints the view's rows of `columns` in the log format: a table of just
-// those columns, with the log's parameters except its column arrangement,
-// which would not fit the new columns.
-void printLogOfColumns(zyldb& table, ODBViewRep& view, const std::vector<int>& columns) {
-  std::vector<DBFieldDesc> descs;
-  for (int c : columns) descs.push_back({table.get_fieldname(c), table.get_field_type(c)});
-  Qm::Ptr<zyldb> part(new zyldb(descs));
-  for (unsigned int i = 0; i < table.getNumParams(); ++i)
-    if (strcasecmp(table.getParamName(i), FieldMap::kFieldMapParam) != 0)
-      part->add_param(table.getParamName(i), table.getParamValue(i));
-  part->add_records(static_cast<int>(view.get_num_records()));
-  for (unsigned int r = 0; r < view.get_num_records(); ++r)
-    for (unsigned int j = 0; j < columns.size(); ++j)
-      part->setField(r, j, view.getField(r, static_cast<unsigned int>(columns[j])));
-  TextFile file;
-  {
-    ODBView partView = viewOfRows(*part, allRows(*part));
-    appendLogLines(*partView.rep(), file);
-  }
-  printLines(file);
-}
-
 int runShow(const ParsedArgs& args) {
   expectPositional(args, {"LOG"});
-  std::string format = args.get("format", "table");
-  if (format != "table" && format != "csv" && format != "json" && format != "log")
-    throw UsageError("--format must be table, csv, json or log, not \"" + format + "\"");
+  std::string formatText = args.get("format", "table");
+  std::optional<Format> format = formatFromOption(formatText);
+  if (!format)
+    throw UsageError("--format must be table, log, csv, tsv, ale or json, not \"" + formatText +
+                     "\"");
   if (args.has("desc") && !args.has("sort")) throw UsageError("--desc needs --sort");
   long limit = args.getCount("limit", -1);
   size_t width = outputWidth(args);
+  bool fold = args.has("fold-accents");
 
-  OpenLog log = requireLog(args.positional[0], false);
+  // Without a sort or a filter the first N rows are the answer: read no
+  // more of a log than those.
+  OpenOptions options;
+  if (limit >= 0 && !args.has("sort") && !args.has("where") && !args.has("tagged"))
+    options.maxRows = limit;
+  OpenLog log = requireLog(args.positional[0], false, options);
   zyldb& table = *log.table;
   std::vector<int> columns;
   if (args.has("columns"))
     columns = requireColumns(log, args.get("columns"));
   else
-    columns = format == "log" ? allColumns(table) : arrangedColumns(table);
-  if (args.has("sort")) sortTable(table, requireColumns(log, args.get("sort")), args.has("desc"));
+    columns = *format == Format::log ? allColumns(table) : arrangedColumns(table);
+  std::vector<SortKey> keys;
+  if (args.has("sort")) keys = parseSortKeys(log, args.get("sort"));
 
-  std::vector<unsigned int> rows =
-      args.has("where") ? matchingRows(log, args.getAll("where")) : allRows(table);
+  std::vector<unsigned int> rows = filterRows(log, conditionGroups(log, args), fold);
   if (args.has("tagged")) {
     std::vector<unsigned int> tagged;
     for (unsigned int r : rows)
@@ -91,33 +79,33 @@ int runShow(const ParsedArgs& args) {
     rows.swap(tagged);
   }
   size_t matched = rows.size();
+  if (!keys.empty()) sortRows(table, rows, keys, args.has("desc"), fold);
   if (limit >= 0 && rows.size() > static_cast<size_t>(limit)) rows.resize(limit);
 
-  ODBView view = viewOfRows(table, rows);
-  if (format == "table") {
+  RowSource source;
+  source.table = &table;
+  source.columns = columns;
+  source.rows = &rows;
+  source.params = tableParams(table);
+  if (*format == Format::table) {
     std::vector<std::string> dropped;
-    std::cout << renderTable(gridOf(*view.rep(), columns), width, &dropped);
+    Sink sink("-");
+    writeTable(source, width, sink, &dropped);
+    sink.commit();
     if (!dropped.empty()) {
       std::string names;
       for (const std::string& n : dropped) names += (names.empty() ? "" : ", ") + n;
       std::cerr << "zyldb show: no room in " << width << " columns for " << names
                 << " (see --columns, --width)\n";
     }
-  } else if (format == "csv") {
-    std::cout << renderCsv(gridOf(*view.rep(), columns), nullptr);
-  } else if (format == "json") {
-    std::cout << renderJsonRows(gridOf(*view.rep(), columns));
-  } else if (columns == allColumns(table)) {
-    TextFile file;
-    appendLogLines(*view.rep(), file);
-    printLines(file);
   } else {
-    printLogOfColumns(table, *view.rep(), columns);
+    emitRows(source, "-", formatName(*format));
   }
 
   if ((args.has("where") || args.has("tagged")) && matched == 0) {
     if (args.has("tagged") && table.get_fieldnum(LightweightString<char>("Tag")) < 0)
-      std::cerr << "zyldb show: " << log.path << " has no \"Tag\" column, so no row is tagged\n";
+      std::cerr << "zyldb show: " << log.shownName()
+                << " has no \"Tag\" column, so no row is tagged\n";
     else
       std::cerr << "zyldb show: no rows match\n";
     return 1;
@@ -131,10 +119,11 @@ int runInfo(const ParsedArgs& args) {
   zyldb& table = *log.table;
   auto label = [](const std::string& text) { return text + std::string(12 - text.size(), ' '); };
 
-  std::cout << label("File:") << log.path << "\n";
+  std::cout << label("File:") << log.shownName() << "\n";
   std::cout << label("Format:")
-            << (log.csv ? std::string("comma-separated text")
-                        : "log, revision " + std::to_string(table.getRevision()))
+            << (log.format == Format::log   ? "log, revision " + std::to_string(table.getRevision())
+                : log.format == Format::csv ? std::string("comma-separated text")
+                                            : std::string(formatName(log.format)))
             << "\n";
   std::cout << label("Records:") << table.get_num_records() << "\n";
   if (table.get_fieldnum(LightweightString<char>("Tag")) >= 0) {
@@ -178,32 +167,32 @@ int runInfo(const ParsedArgs& args) {
 }  // namespace
 
 Command showCommand() {
-  return {{"show",
-           "LOG [options]",
-           "print the records as a table, CSV, JSON or log text",
-           "Prints the log's records as a table fitted to the terminal, or as CSV, JSON or log "
-           "text.",
-           {{"columns", 0, "COLS",
-             "the columns to show, comma-separated (default: the log's "
-             "arrangement in V5_FIELD_MAP, else all)"},
-            {"sort", 0, "COLS", "sort on these columns, comma-separated, in this order"},
-            {"desc", 0, "", "sort descending"},
-            {"where", 0, "COL=TEXT",
-             "only rows whose COL contains TEXT (ignoring case); "
-             "repeatable",
-             true},
-            {"tagged", 0, "", "only rows whose \"Tag\" column is non-zero"},
-            {"limit", 0, "N", "at most N rows"},
-            {"format", 0, "FORMAT", "table (default), csv, json or log"},
-            {"width", 0, "N",
-             "fit the table in N characters (0: no limit); default: the "
-             "terminal's width, or 80"}},
-           "On start/end label columns (\"Start time\"/\"End time\", \"start keycode\"/\"end "
-           "keycode\", ...) --where finds the rows whose range holds the label:\n"
-           "  zyldb show clips.log --where \"start keycode=KU 12 3456 7900\"\n\n"
-           "Exit status: 0 when rows were shown, 1 when --where or --tagged matched nothing, "
+  return {
+      {"show",
+       "LOG [options]",
+       "print the records as a table, CSV, JSON or log text",
+       "Prints the log's records as a table fitted to the terminal, or as CSV, JSON or log "
+       "text.",
+       {{"columns", 0, "COLS",
+         "the columns to show, comma-separated (default: the log's "
+         "arrangement in V5_FIELD_MAP, else all)"},
+        {"sort", 0, "KEYS",
+         "sort on these columns, comma-separated, in this order; COL:desc sorts that "
+         "column descending"},
+        {"desc", 0, "", "reverse the sorted order"},
+        kWhereOption,
+        kOrOption,
+        kFoldAccentsOption,
+        {"tagged", 0, "", "only rows whose \"Tag\" column is non-zero"},
+        {"limit", 0, "N", "at most N rows (a log is read no further when nothing else needs it)"},
+        {"format", 0, "FORMAT", "table (default), log, csv, tsv or json"},
+        {"width", 0, "N",
+         "fit the table in N characters (0: no limit); default: the "
+         "terminal's width, or 80"}},
+       std::string(kMatchingDetails) +
+           "\nExit status: 0 when rows were shown, 1 when --where or --tagged matched nothing, "
            "2 on a usage error.\n"},
-          runShow};
+      runShow};
 }
 
 Command infoCommand() {

@@ -3,23 +3,38 @@
 // 1 when a check or a search finds problems or nothing (or a file cannot be
 // used), 2 on a usage error.
 
+#include <unistd.h>
 #include <zyldb/zyldbDllVersion.h>
 
+#include <clocale>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "Common.h"
+#include "Progress.h"
+
+namespace zyl::cli {
+Command auditCommand();  // AuditCommand.cpp
+}
 
 namespace {
 
 using zyl::cli::Command;
 
+// Every command, in the order of the list in --help. Each gets --quiet.
 const std::vector<Command>& commands() {
-  static const std::vector<Command> kCommands = {
-      zyl::cli::showCommand(),  zyl::cli::infoCommand(),    zyl::cli::checkCommand(),
-      zyl::cli::sortCommand(),  zyl::cli::findCommand(),    zyl::cli::dedupeCommand(),
-      zyl::cli::mergeCommand(), zyl::cli::convertCommand(), zyl::cli::demoCommand()};
+  static const std::vector<Command> kCommands = [] {
+    std::vector<Command> list = {
+        zyl::cli::showCommand(),  zyl::cli::infoCommand(),    zyl::cli::checkCommand(),
+        zyl::cli::sortCommand(),  zyl::cli::findCommand(),    zyl::cli::dedupeCommand(),
+        zyl::cli::mergeCommand(), zyl::cli::convertCommand(), zyl::cli::demoCommand(),
+        zyl::cli::auditCommand(),
+    };
+    for (Command& c : list)
+      c.def.options.push_back({"quiet", 'q', "", "show no progress on stderr"});
+    return list;
+  }();
   return kCommands;
 }
 
@@ -42,6 +57,7 @@ int run(const Command& command, const std::vector<std::string>& args) {
       std::cout << zyl::cli::helpText(command.def);
       return 0;
     }
+    zyl::cli::enableProgress(isatty(STDERR_FILENO) != 0 && !parsed.has("quiet"));
     return command.run(parsed);
   } catch (const zyl::cli::UsageError& e) {
     std::cerr << prefix << e.what() << "\nTry 'zyldb " << command.def.name << " --help'.\n";
@@ -62,6 +78,9 @@ int run(const Command& command, const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
+  // Column widths come from wcwidth, which needs a UTF-8 character type.
+  if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr) std::setlocale(LC_CTYPE, "en_US.UTF-8");
+  zyl::cli::installInterruptCleanup();
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) {
     std::cerr << mainHelp();

@@ -3,13 +3,16 @@
 // The whole public API of zyldb. Hosts include this one header and link
 // zyldb::zyldb (or -lzyldb).
 
+#include <zyldb/audit/Audit.h>
 #include <zyldb/container/QMContainerFile.h>
 #include <zyldb/db/DBFieldTypes.h>
+#include <zyldb/db/LoadError.h>
 #include <zyldb/db/ODBBase.h>
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/db/zyldb.h>
 #include <zyldb/export.h>
 #include <zyldb/fieldmap/FieldMap.h>
+#include <zyldb/interchange/Interchange.h>
 #include <zyldb/platform/AssocList.h>
 #include <zyldb/platform/Cookie.h>
 #include <zyldb/platform/CriticalSection.h>

@@ -2,6 +2,7 @@
 #include <zyldb/db/DBFieldTypes.h>
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/platform/OS.h>
+#include <zyldb/platform/TextFile.h>
 #include <zyldb/platform/TextUtil.h>
 
 #include <climits>
@@ -173,19 +174,27 @@ void QMContainerFile::Writer::setPermanent(bool permanent) {
 // An existing container is replaced through path + ".tmp" and one rename, so
 // that a reader never meets a half-written container and a failed write
 // leaves the old one as it was. save_text() returns 0 both for a failed write
-// and for a container without items, so the temporary file's presence (after
-// removing any stale one) is what tells whether it was written.
-void QMContainerFile::Writer::save(const LightweightString<wchar_t>& path) {
+// and for a container without items, so the count of successful text saves
+// on this thread is what tells whether it was written.
+void QMContainerFile::Writer::save(const LightweightString<wchar_t>& path) { (void)trySave(path); }
+
+bool QMContainerFile::Writer::trySave(const LightweightString<wchar_t>& path) {
+  saveError_.clear();
+  zyl::FileService& files = OS()->fileService();
+  const uint64_t before = TextFile::successfulSaves();
   if (!fileExists(path)) {
     set_filename(path);
     save_text();
-    return;
+    if (TextFile::successfulSaves() > before) return true;
+    saveError_ = files.lastError();
+    return false;
   }
-  zyl::FileService& files = OS()->fileService();
   LightweightString<wchar_t> tmp = path + kTmpSuffix;
   set_filename(tmp);
   if (files.exists(tmp)) files.remove(tmp);
-  bool written = save_text() > 0 || files.exists(tmp);
-  if (written && files.move(tmp, path, 0)) return;
+  save_text();
+  if (TextFile::successfulSaves() > before && files.move(tmp, path, 0)) return true;
+  saveError_ = files.lastError();
   if (files.exists(tmp)) files.remove(tmp);
+  return false;
 }

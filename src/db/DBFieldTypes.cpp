@@ -5,38 +5,14 @@
 #include <new>
 #include <string>
 
-namespace {
-
-struct TypeKeyword {
-  const char* keyword;
-  DBFieldTypes::eType type;
-};
-
-// In the order the parser tests them.
-constexpr TypeKeyword kTypeKeywords[] = {
-    {"timecode", DBFieldTypes::timecode},
-    {"timecode_s", DBFieldTypes::timecode_s},
-    {"text", DBFieldTypes::text},
-    {"text_s", DBFieldTypes::text_s},
-    {"time_of_day", DBFieldTypes::time_of_day},
-    {"date", DBFieldTypes::date},
-    {"dos_date", DBFieldTypes::dos_date},
-    {"char", DBFieldTypes::char_},
-    {"numeric", DBFieldTypes::numeric},
-    {"long", DBFieldTypes::long_},
-    {"double", DBFieldTypes::double_},
-};
-
-}  // namespace
+#include "db/LogFormat.h"
 
 DBFieldTypes::eType zyldb_string_to_fieldtype(const char* s) {
-  for (const TypeKeyword& k : kTypeKeywords)
-    if (strcasecmp(s, k.keyword) == 0) return k.type;
-  // Any single character is a type code as it stands, so that unnamed codes
-  // survive a save and reload.
-  if (s[0] != 0 && s[1] == 0)
-    return static_cast<DBFieldTypes::eType>(static_cast<unsigned char>(s[0]));
-  return DBFieldTypes::none;
+  return zyl::logformat::parseType(s);
+}
+
+const char* zyldb_fieldtype_to_string(DBFieldTypes::eType t) {
+  return zyl::logformat::writtenKeyword(t);
 }
 
 LightweightString<char> strip_char_from_string(char ch, const char* s) {

@@ -7,7 +7,6 @@
 #include <charconv>
 #include <exception>
 #include <string>
-#include <typeinfo>
 
 #include "db/NotifyTypes_internal.h"
 #include "db/RowDeletion_internal.h"
@@ -66,7 +65,7 @@ void RowDeletion::announce(zyldb& table, const LightweightString<char>& text) {
 }
 
 bool RowDeletion::canBatch(const zyldb& table) {
-  return typeid(table) == typeid(zyldb) && table.showTagsOnly == 0;
+  return table.batchesMayBypassSteps() && table.showTagsOnly == 0;
 }
 
 RowDeletion* RowDeletion::active(const zyldb* table) noexcept {

@@ -39,8 +39,9 @@ class RowDeletion {
   // gone: bring `context` up to date.
   using EndFn = void (*)(void* context, const RowDeletion& deletion) noexcept;
 
-  // True when `table` can delete in one pass: a plain table (no subclass
-  // that could override delete_records) outside show-tags-only mode.
+  // True when `table` can delete in one pass: one whose
+  // batchesMayBypassSteps() says so (no override of delete_records to
+  // honour), outside show-tags-only mode.
   static bool canBatch(const zyldb& table);
 
   // Deletes the groups of rows of `table`: group g is rows[groupEnds[g-1]

@@ -17,6 +17,7 @@
 #include <zyldb/platform/configb.h>
 
 #include "db/LibrarySettings_internal.h"
+#include "db/LogFormat.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ using Value = LightweightString<char>;
 
 constexpr unsigned int kMaxFields = 0xFFFF;
 // The reader's buffer; a value holds at most kReadBufferSize - 1 bytes.
-constexpr size_t kReadBufferSize = 4096;
+constexpr size_t kReadBufferSize = zyl::logformat::kMaxValueBytes + 1;
 
 // Byte classes of the line form. kBlank is isspace and kControl iscntrl of
 // the "C" locale, for the ASCII range only: bytes with the high bit set
@@ -49,7 +50,7 @@ struct ByteClasses {
       if (c < 0x20 || c == 0x7f) k |= kControl;
       if (c == 0 || c == '"' || c == '\\') k |= kStop;
       if (c == ',') k |= kComma;
-      if (c == 0 || c == '"' || c == '\n' || c == '\r') k |= kEscaped;
+      if (c == 0 || c == '"' || c == '\n' || c == '\r' || c == '\\') k |= kEscaped;
       of[c] = k;
     }
   }
@@ -62,10 +63,11 @@ inline bool is(char c, uint8_t classes) {
 
 inline bool isBlank(char c) { return is(c, kBlank); }
 
-// The first byte at or after p in class `stops`, where the byte at `end` is
-// a NUL and is in kStop. Reads nothing past `end`.
+// The first byte at or after p in class `stops`, or `end` when there is
+// none before it. Reads nothing past `end`, so that a scan costs no more
+// than the bytes it may take (a value's remaining room).
 inline const char* skipPlain(const char* p, const char* end, uint8_t stops) {
-  if (is(*p, stops)) return p;  // an empty run, as after a closing quote
+  if (p == end || is(*p, stops)) return p;  // an empty run, as after a closing quote
 #if defined(__SSE2__)
   // Sixteen bytes at a time while they lie before `end`.
   const __m128i quote = _mm_set1_epi8('"');
@@ -81,10 +83,8 @@ inline const char* skipPlain(const char* p, const char* end, uint8_t stops) {
     if (mask != 0) return p + __builtin_ctz(static_cast<unsigned int>(mask));
     p += 16;
   }
-#else
-  (void)end;
 #endif
-  while (!is(*p, stops)) ++p;
+  while (p < end && !is(*p, stops)) ++p;
   return p;
 }
 
@@ -106,7 +106,7 @@ inline bool copyUnescaped(char* out, const char* p, size_t n) {
   auto zeroByte = [](uint64_t x) { return (x - kOnes) & ~x & kHighs; };
   auto escaped = [&](uint64_t x) {
     return zeroByte(x) | zeroByte(x ^ (kOnes * '"')) | zeroByte(x ^ (kOnes * '\n')) |
-           zeroByte(x ^ (kOnes * '\r'));
+           zeroByte(x ^ (kOnes * '\r')) | zeroByte(x ^ (kOnes * '\\'));
   };
   uint64_t word;
   for (size_t i = 0; i + 8 <= n; i += 8) {
@@ -142,15 +142,17 @@ class ValueReader {
     n_ += k;
   }
 
-  // Adds a byte that is not in the line.
-  void addDecoded(char c) {
+  // Adds a byte that is not in the line. A byte written as a hex escape
+  // (`kept`) is never trimmed as trailing white space.
+  void addDecoded(char c, bool kept = false) {
     toScratch();
     scratch_[n_++] = c;
+    if (kept) kept_ = n_;
   }
 
   // The value without its trailing white space.
   Value take() {
-    while (n_ > 0 && isBlank(text_[n_ - 1])) --n_;
+    while (n_ > kept_ && isBlank(text_[n_ - 1])) --n_;
     return Value::packed(text_, n_);
   }
 
@@ -164,7 +166,15 @@ class ValueReader {
   char* const scratch_;
   const char* text_ = nullptr;
   size_t n_ = 0;
+  size_t kept_ = 0;
 };
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
 
 const Value& emptyValue() {
   static const Value kEmpty;
@@ -190,6 +200,69 @@ constexpr ConfigMapping kConfigMappings[] = {
 constexpr size_t kAlwaysMapped = 6;
 
 }  // namespace
+
+namespace zyl::logformat {
+
+char* writeQuoted(char* out, std::string_view v, bool firstField) {
+  const char* p = v.data();
+  const size_t n = v.size();
+  *out++ = '"';
+  // Blanks at either end, which the reader trims, and the first letter of
+  // a first value that reads as the terminator are written as hex escapes.
+  const bool ends = n > 0 && (isBlank(p[0]) || isBlank(p[n - 1]));
+  const bool magic = firstField && n == kMagicNameLength && strncasecmp(p, kMagicName, n) == 0;
+  if (!ends && !magic && copyUnescaped(out, p, n)) {
+    out += n;
+  } else {
+    size_t lead = 0, trail = n;
+    while (lead < n && isBlank(p[lead])) ++lead;
+    while (trail > lead && isBlank(p[trail - 1])) --trail;
+    auto hex = [&out](unsigned char c) {
+      static constexpr char kDigits[] = "0123456789ABCDEF";
+      *out++ = '"';
+      *out++ = 'x';
+      *out++ = kDigits[c >> 4];
+      *out++ = kDigits[c & 15];
+    };
+    for (size_t i = 0; i < n; ++i) {
+      const char c = p[i];
+      if (i < lead || i >= trail || (magic && i == 0)) {
+        hex(static_cast<unsigned char>(c));
+        continue;
+      }
+      switch (c) {
+        case '"':
+          *out++ = '"';
+          *out++ = '"';
+          break;
+        case '\n':
+          *out++ = '\\';
+          *out++ = 'n';
+          break;
+        case '\r':
+        case '\0':
+          hex(static_cast<unsigned char>(c));
+          break;
+        case '\\':
+          // Before an 'n' it would read as a line feed.
+          if (i + 1 < n && p[i + 1] == 'n')
+            hex('\\');
+          else
+            *out++ = c;
+          break;
+        default:
+          *out++ = c;
+          break;
+      }
+    }
+  }
+  *out++ = '"';
+  return out;
+}
+
+size_t maxQuotedSize(size_t n) { return 4 * n + 2; }
+
+}  // namespace zyl::logformat
 
 dbrecord::dbrecord(unsigned short n) { setCount(n); }
 
@@ -357,45 +430,26 @@ int dbrecord::update(configb* cfg) {
 
 int dbrecord::write(TextFile& f) const {
   // The line is written in place into room for its longest form (every
-  // byte escaped to two), and the room left over is given back.
+  // byte escaped to four), and the room left over is given back.
   size_t most = count_ > 0 ? size_t{count_} * 3 : 0;
-  for (unsigned int i = 0; i < count_; ++i) most += 2 * fields_[i].size();
+  for (unsigned int i = 0; i < count_; ++i) most += 4 * fields_[i].size();
   TextFile::LineBuilder line(f);
   char* const start = line.extend(most);
   char* out = start;
   for (unsigned int i = 0; i < count_; ++i) {
     if (i) *out++ = ',';
-    *out++ = '"';
-    const char* p = fields_[i].c_str();
-    const size_t n = fields_[i].size();
-    if (copyUnescaped(out, p, n)) {
-      out += n;
-    } else {
-      for (const char* end = p + n; p < end; ++p) {
-        switch (*p) {
-          case '"':
-            *out++ = '"';
-            *out++ = '"';
-            break;
-          case '\n':
-            *out++ = '\\';
-            *out++ = 'n';
-            break;
-          case '\r':
-          case '\0':
-            break;  // dropped
-          default:
-            *out++ = *p;
-            break;
-        }
-      }
-    }
-    *out++ = '"';
+    out = zyl::logformat::writeQuoted(out, fields_[i].view(), i == 0);
   }
   line.shrink(most - static_cast<size_t>(out - start));
   line.finish();
   changed_ = 0;
   return 1;
+}
+
+bool dbrecord::fitsLineForm() const {
+  for (unsigned int i = 0; i < count_; ++i)
+    if (fields_[i].size() > zyl::logformat::kMaxValueBytes) return false;
+  return count_ > 0;
 }
 
 int dbrecord::read(TextFile& f) {
@@ -430,7 +484,8 @@ int dbrecord::read(TextFile& f) {
       // past that point but never past the line's NUL, which stops it.
       const uint8_t stops = inQuotes ? kStop : kStop | kComma;
       const char* run = p;
-      p = skipPlain(p, end, stops);
+      const size_t room = kMaxValue - value.size();
+      p = skipPlain(p, static_cast<size_t>(end - p) > room ? p + room : end, stops);
       size_t k = static_cast<size_t>(p - run);
       if (k > kMaxValue - value.size()) {
         k = kMaxValue - value.size();
@@ -441,13 +496,18 @@ int dbrecord::read(TextFile& f) {
         const char c = *p;
         if (c == 0) break;
         if (c == '"') {
-          if (p[1] != '"') {
+          if (inQuotes && p[1] == 'x' && hexDigit(p[2]) >= 0 && hexDigit(p[3]) >= 0) {
+            // A byte the plain form cannot hold (see escapeValue).
+            value.addDecoded(static_cast<char>(hexDigit(p[2]) * 16 + hexDigit(p[3])), true);
+            p += 4;
+          } else if (p[1] != '"') {
             inQuotes = false;
             ++p;
             continue;
+          } else {
+            value.addFromLine(p, 1);
+            p += 2;
           }
-          value.addFromLine(p, 1);
-          p += 2;
         } else if (c == '\\') {
           if (p[1] == 'n') {
             value.addDecoded('\n');

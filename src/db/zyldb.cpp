@@ -319,8 +319,12 @@ unsigned int indexOfRecord(dbrecord* const* slots, unsigned int n, const dbrecor
 
 unsigned int zyldb::get_raw_row(unsigned int visibleRow) {
   if (showTagsOnly == 0) return visibleRow;
-  if (visibleRow >= numTagged || numRecords == 0) return static_cast<unsigned int>(-1);
-  return indexOfRecord(rows, numRecords, tagIndex[visibleRow]);
+  if (visibleRow > numTagged || numRecords == 0) return static_cast<unsigned int>(-1);
+  // The row just past the last tagged one is accepted; the index ends there,
+  // so it stands for no record, which only a raw row without one matches.
+  // (The slot itself is stale or past the block, and is not read.)
+  const dbrecord* sought = visibleRow < numTagged ? tagIndex[visibleRow] : nullptr;
+  return indexOfRecord(rows, numRecords, sought);
 }
 
 unsigned int zyldb::get_new_row(unsigned int rawRow) {
@@ -336,7 +340,9 @@ dbrecord* zyldb::make_dummy_record() {
 void zyldb::copy_record(int row, dbrecord* src) {
   if (src == nullptr || row < 0) return;
   dbrecord* rec = get_record(static_cast<unsigned int>(row));
-  if (rec != nullptr && rec != src) *rec = *src;
+  // Assigning a record to itself is a real assignment too: leading white
+  // space is dropped and the changed flags are raised.
+  if (rec != nullptr) *rec = *src;
 }
 
 void zyldb::copy_record(int row, zyldb* other, int otherRow) {
@@ -451,7 +457,7 @@ int zyldb::set_fieldname(unsigned int field, const char* name) {
 
 int zyldb::set_fieldtype(unsigned int field, DBFieldTypes::eType type) {
   if (type == DBFieldTypes::none) {
-    fill_error_info(2, 3, 0, 0);
+    fill_error_info(DBLoadError::fieldType, DBLoadError::typeNone, 0, 0);
     type = DBFieldTypes::text;
   }
   if (field >= numFields || field >= fieldTypes.size()) return 0;

@@ -18,95 +18,18 @@
 #include <string>
 #include <vector>
 
+#include "db/LogFormat.h"
+
 namespace {
 
-constexpr int kCurrentRevision = 1;
-constexpr const char kMagicName[] = "ZYLDB";
+using zyl::logformat::kCurrentRevision;
+using zyl::logformat::kMagicName;
+using zyl::logformat::kMaxColumns;
+using zyl::logformat::Progress;
 // Scratch record width while reading a header; it grows as lines need.
 constexpr unsigned short kScratchFields = 24;
-// Records hold at most this many fields, so a wider file cannot be a table.
-constexpr unsigned int kMaxColumns = 0xFFFF;
-
-struct MinWidth {
-  const char* name;
-  int width;
-};
-
-// Display widths below which a column of that name is never written; the
-// first match (ignoring case) wins.
-constexpr MinWidth kMinWidths[] = {
-    {"Cookie", 12},
-    {"Type", 6},
-    {"Flags", 8},
-    {"Name", 32},
-    {"Date", 12},
-    {"Size", 8},
-    {"pic qual", 4},
-    {"aud qual", 32},
-    {"chans", 64},
-    {"Start time", 12},
-    {"End time", 12},
-    {"Duration", 16},
-    {"Reel", 10},
-    {"Reel Type", 30},
-    {"Scene", 24},
-    {"Shot", 24},
-    {"Who", 24},
-    {"Description", 64},
-    {"Notes", 100},
-    {"snd start", 12},
-    {"snd end", 12},
-    {"snd reel", 10},
-    {"start 24P code", 12},
-    {"end 24P code", 12},
-    {"24P reel", 10},
-    {"film_origin", 3},
-    {"pulldown", 3},
-    {"sequence", 2},
-    {"start keycode", 17},
-    {"end keycode", 17},
-    {"film duration", 9},
-    {"start camcode", 12},
-    {"end camcode", 12},
-    {"cam reel", 10},
-    {"comp reel", 10},
-    {"cam_date", 6},
-    {"start inkcode", 15},
-    {"end inkcode", 15},
-    {"lab reel", 10},
-    {"Mdrive", 4},
-    {"Tag", 1},
-};
-constexpr int kDefaultMinWidth = 4;
-
-// The written form of a column type: a keyword for the ten codes that have
-// one, otherwise null (the code is written as one character).
-const char* typeKeyword(DBFieldTypes::eType t) {
-  switch (t) {
-    case DBFieldTypes::text_s:
-      return "text_s";
-    case DBFieldTypes::time_of_day:
-      return "time_of_day";
-    case DBFieldTypes::dos_date:
-      return "dos_date";
-    case DBFieldTypes::timecode_s:
-      return "timecode_s";
-    case DBFieldTypes::text:
-      return "text";
-    case DBFieldTypes::date:
-      return "date";
-    case DBFieldTypes::double_:
-      return "double";
-    case DBFieldTypes::long_:
-      return "long";
-    case DBFieldTypes::numeric:
-      return "numeric";
-    case DBFieldTypes::timecode:
-      return "timecode";
-    default:
-      return nullptr;
-  }
-}
+// Rows between two progress reports while loading or saving.
+constexpr unsigned int kProgressRows = 4096;
 
 inline bool isBlank(char c) {
   unsigned char u = static_cast<unsigned char>(c);
@@ -135,15 +58,13 @@ char* copyParamText(const char* s, size_t n) {
 // What saving needs to know of the rows, gathered in one pass over them
 // (reading a value's length touches the value, so passes are costly).
 struct RowsMeasure {
-  std::vector<size_t> longest;  // the longest value of each column
-  size_t lineBytes = 0;         // every row's line, unescaped, with its NUL
-  size_t taggedLineBytes = 0;   // the same for the tagged rows only
+  size_t lineBytes = 0;        // every row's line, unescaped, with its NUL
+  size_t taggedLineBytes = 0;  // the same for the tagged rows only
   unsigned int taggedRows = 0;
 };
 
-RowsMeasure measureRows(dbrecord* const* rows, unsigned int count, unsigned int columns) {
+RowsMeasure measureRows(dbrecord* const* rows, unsigned int count) {
   RowsMeasure m;
-  m.longest.assign(columns, 0);
   for (unsigned int r = 0; r < count; ++r) {
     const dbrecord* rec = rows[r];
     if (rec == nullptr) continue;
@@ -152,7 +73,6 @@ RowsMeasure measureRows(dbrecord* const* rows, unsigned int count, unsigned int 
     for (unsigned int i = 0; i < fields; ++i) {
       const size_t size = rec->getField(static_cast<unsigned short>(i)).size();
       bytes += size;
-      if (i < columns && size > m.longest[i]) m.longest[i] = size;
     }
     m.lineBytes += bytes;
     if (rec->getTag() != 0) {
@@ -179,12 +99,7 @@ bool endsWithCsv(const LightweightString<wchar_t>& name) {
 
 // ---- Parameters ---------------------------------------------------------------
 
-int zyldb::getMinFieldSize(const char* name) {
-  if (!name) return kDefaultMinWidth;
-  for (const MinWidth& m : kMinWidths)
-    if (strcasecmp(name, m.name) == 0) return m.width;
-  return kDefaultMinWidth;
-}
+int zyldb::getMinFieldSize(const char* name) { return zyl::logformat::minWidth(name); }
 
 int zyldb::find_param(const char* name) const {
   if (!name) return -1;
@@ -285,79 +200,22 @@ int zyldb::read_params(TextFile& f, dbrecord* scratch) {
   }
 }
 
-void zyldb::save_params(TextFile& f) {
-  std::string line;
-  for (unsigned int i = 0; i < numParams; ++i) {
-    line.assign(1, '"');
-    line += paramNames[i];
-    line += ':';
-    line += paramValues[i];
-    line += '"';
-    f.appendLine(std::string_view(line));
-  }
-}
-
 namespace {
 
-// The terminator, widths, types and names lines; only the names line when
-// `longest` (each column's longest value) is null.
-void writeColumnHeader(const zyldb& table, TextFile& f, const std::vector<size_t>* longest) {
-  const unsigned int n = table.get_num_fields();
-  std::string line;
-  if (longest != nullptr) {
-    f.appendLine(std::string_view("\"ZYLDB\""));
-
-    char buf[32];
-    for (unsigned int i = 0; i < n; ++i) {
-      int width = static_cast<int>((*longest)[i]);
-      int minimum = zyldb::getMinFieldSize(table.get_fieldname(i));
-      std::snprintf(buf, sizeof buf, "\"%d\"%s", width > minimum ? width : minimum,
-                    i + 1 < n ? "," : "");
-      line += buf;
-    }
-    f.appendLine(std::string_view(line));
-
-    line.clear();
-    for (unsigned int i = 0; i < n; ++i) {
-      DBFieldTypes::eType type = table.get_field_type(i);
-      line += '"';
-      if (const char* keyword = typeKeyword(type)) {
-        line += keyword;
-      } else {
-        // An unnamed code is written as its one character. Characters that
-        // would break the line are escaped as in a value.
-        char c = static_cast<char>(type);
-        if (c == '"')
-          line += "\"\"";
-        else if (c == '\n')
-          line += "\\n";
-        else if (c != '\r' && c != 0)
-          line += c;
-      }
-      line += '"';
-      if (i + 1 < n) line += ',';
-    }
-    f.appendLine(std::string_view(line));
-    line.clear();
-  }
-  for (unsigned int i = 0; i < n; ++i) {
-    line += '"';
-    line += table.get_fieldname(i);
-    line += '"';
-    if (i + 1 < n) line += ',';
-  }
-  f.appendLine(std::string_view(line));
+std::vector<zyl::logformat::Param> paramsOf(const zyldb& t) {
+  std::vector<zyl::logformat::Param> out(t.getNumParams());
+  for (unsigned int i = 0; i < out.size(); ++i) out[i] = {t.getParamName(i), t.getParamValue(i)};
+  return out;
 }
 
 }  // namespace
 
+void zyldb::save_params(TextFile& f) {
+  zyl::logformat::appendParamLines(f, paramsOf(*this), false);
+}
+
 int zyldb::save_column_header(TextFile& f, bool namesOnly) {
-  if (namesOnly) {
-    writeColumnHeader(*this, f, nullptr);
-  } else {
-    const RowsMeasure measure = measureRows(rows, numRecords, numFields);
-    writeColumnHeader(*this, f, &measure.longest);
-  }
+  zyl::logformat::appendColumnHeader(f, *this, namesOnly);
   return 1;
 }
 
@@ -372,82 +230,25 @@ void zyldb::loadFromFile(int maxRecords, bool strictHeader) {
   timecodeFields_.clear();
 
   TextFile file;
-  if (!file.load(fileName, '\n', false)) return;
-
-  if (endsWithCsv(fileName)) {
-    // Plain comma-separated text: a names line, then one row per line; no
-    // quoting, no trimming, every column text_s.
-    if (file.getNumLines() > 0) {
-      std::vector<LightweightString<char>> names = Qm::splitIf(file[0], ',', 2);
-      if (names.size() > kMaxColumns) names.resize(kMaxColumns);
-      fieldNames.resize(names.size());
-      fieldTypes.resize(names.size(), DBFieldTypes::text_s);
-      numFields = static_cast<uint32_t>(names.size());
-      for (unsigned int i = 0; i < numFields; ++i) {
-        set_fieldname(i, names[i].c_str());
-        set_fieldtype(i, DBFieldTypes::text_s);
-      }
-    }
-    post_init();
-    for (unsigned int l = 1; l < file.getNumLines(); ++l) {
-      std::vector<LightweightString<char>> pieces = Qm::splitIf(file[l], ',', 2);
-      size_t k = pieces.size() < numFields ? pieces.size() : numFields;
-      if (k == 0) continue;
-      int row = add_records(1);
-      if (row < 0) break;
-      for (size_t j = 0; j < k; ++j)
-        setField(static_cast<unsigned int>(row), static_cast<unsigned int>(j), pieces[j]);
-    }
-    valid = 1;
+  if (!file.load(fileName, '\n', false)) {
+    if (file.notRegularFile()) fill_error_info(DBLoadError::notRegularFile, 0, 0, 0);
     return;
   }
-
+  if (endsWithCsv(fileName)) {
+    loadCsv(file);
+    return;
+  }
   dbrecord scratch(kScratchFields);
   read_params(file, &scratch);
   if (numParams == 0) return;
-
   if (equalsMagic(scratch.get_field(0))) {
-    int count = scratch.read(file);  // widths: only their number is used
-    if (static_cast<unsigned int>(count) > kMaxColumns) return;
-    unsigned int columns = static_cast<unsigned int>(count);
-
-    if (scratch.read(file) != count) {
-      fill_error_info(3, 3, 0, 0);
-      return;
-    }
-    fieldNames.resize(columns);
-    fieldTypes.resize(columns, DBFieldTypes::text);
-    numFields = columns;
-    for (unsigned int i = 0; i < columns; ++i) {
-      const char* keyword = scratch.get_field(static_cast<unsigned short>(i));
-      set_fieldtype(i, zyldb_string_to_fieldtype(keyword ? keyword : ""));
-    }
-
-    if (scratch.read(file) != count) {
-      fill_error_info(3, 4, 0, 0);
-      return;
-    }
-    valid = 1;
+    if (!loadColumnHeader(file, scratch)) return;
   } else {
     if (strictHeader) {
       valid = 0;
       return;
     }
-    // The line after the parameters is taken as the names line; columns
-    // that look like start or end labels are typed as timecodes.
-    unsigned int columns = scratch.get_num_fields();
-    fieldNames.resize(columns);
-    fieldTypes.resize(columns, DBFieldTypes::text);
-    numFields = columns;
-    for (unsigned int i = 0; i < columns; ++i) {
-      const LightweightString<char> lower =
-          toLower(scratch.getField(static_cast<unsigned short>(i)));
-      bool label = lower.view().find("start") != std::string_view::npos ||
-                   lower.view().find("end") != std::string_view::npos;
-      if (label) timecodeFields_.push_back(static_cast<int>(i));
-      set_fieldtype(i, label ? DBFieldTypes::timecode : DBFieldTypes::text);
-    }
-    valid = 1;
+    loadNamesOnlyHeader(scratch);
   }
   timecodeFields_.push_back(-1);
 
@@ -459,43 +260,152 @@ void zyldb::loadFromFile(int maxRecords, bool strictHeader) {
   add_text(file, 0, maxRecords);
 }
 
+void zyldb::loadCsv(const TextFile& file) {
+  // Plain comma-separated text: a names line, then one row per line; no
+  // quoting, no trimming, every column text_s.
+  if (file.getNumLines() > 0) {
+    std::vector<LightweightString<char>> names = Qm::splitIf(file[0], ',', 2);
+    if (names.size() > kMaxColumns) names.resize(kMaxColumns);
+    fieldNames.resize(names.size());
+    fieldTypes.resize(names.size(), DBFieldTypes::text_s);
+    numFields = static_cast<uint32_t>(names.size());
+    for (unsigned int i = 0; i < numFields; ++i) {
+      set_fieldname(i, names[i].c_str());
+      set_fieldtype(i, DBFieldTypes::text_s);
+    }
+  }
+  post_init();
+  Progress progress(&progress_, file.byteSize());
+  for (unsigned int l = 1; l < file.getNumLines(); ++l) {
+    if (progress.active() && l % kProgressRows == 0) progress.update(file.lineOffset(l));
+    std::vector<LightweightString<char>> pieces = Qm::splitIf(file[l], ',', 2);
+    size_t k = pieces.size() < numFields ? pieces.size() : numFields;
+    if (k == 0) continue;
+    int row = add_records(1);
+    if (row < 0) break;
+    for (size_t j = 0; j < k; ++j)
+      setField(static_cast<unsigned int>(row), static_cast<unsigned int>(j), pieces[j]);
+  }
+  progress.finish(file.byteSize());
+  valid = 1;
+}
+
+bool zyldb::loadColumnHeader(TextFile& file, dbrecord& scratch) {
+  int count = scratch.read(file);  // widths: only their number is used
+  if (static_cast<unsigned int>(count) > kMaxColumns) return false;
+  unsigned int columns = static_cast<unsigned int>(count);
+
+  if (scratch.read(file) != count) {
+    fill_error_info(DBLoadError::columnHeader, DBLoadError::typesLine, 0, 0);
+    return false;
+  }
+  fieldNames.resize(columns);
+  fieldTypes.resize(columns, DBFieldTypes::text);
+  numFields = columns;
+  for (unsigned int i = 0; i < columns; ++i) {
+    const char* keyword = scratch.get_field(static_cast<unsigned short>(i));
+    set_fieldtype(i, zyl::logformat::parseType(keyword ? keyword : ""));
+  }
+
+  if (scratch.read(file) != count) {
+    fill_error_info(DBLoadError::columnHeader, DBLoadError::namesLine, 0, 0);
+    return false;
+  }
+  valid = 1;
+  return true;
+}
+
+void zyldb::loadNamesOnlyHeader(const dbrecord& scratch) {
+  // The line after the parameters is taken as the names line; columns
+  // that look like start or end labels are typed as timecodes.
+  unsigned int columns = scratch.get_num_fields();
+  fieldNames.resize(columns);
+  fieldTypes.resize(columns, DBFieldTypes::text);
+  numFields = columns;
+  for (unsigned int i = 0; i < columns; ++i) {
+    const LightweightString<char> lower = toLower(scratch.getField(static_cast<unsigned short>(i)));
+    bool label = lower.view().find("start") != std::string_view::npos ||
+                 lower.view().find("end") != std::string_view::npos;
+    if (label) timecodeFields_.push_back(static_cast<int>(i));
+    set_fieldtype(i, label ? DBFieldTypes::timecode : DBFieldTypes::text);
+  }
+  valid = 1;
+}
+
 int zyldb::load_text(int maxRecords) {
   TextFile file;
   if (!file.load(fileName, '\n', false)) return 0;
   return add_text(file, 1, maxRecords);
 }
 
+namespace {
+
+// Whether line n is a terminator line as the writer writes one: its first
+// field is ZYLDB (ignoring case) written plainly, quoted or not. The writer
+// escapes the first letter of a value that reads as ZYLDB, so such a row is
+// not taken for a header.
+bool isTerminatorLine(const TextFile& f, unsigned int n) {
+  const char* p = f.line(n);
+  while (*p && (isBlank(*p) || static_cast<unsigned char>(*p) < 0x20)) ++p;
+  const bool quoted = *p == '"';
+  if (quoted) ++p;
+  if (strncasecmp(p, kMagicName, zyl::logformat::kMagicNameLength) != 0) return false;
+  p += zyl::logformat::kMagicNameLength;
+  if (quoted && *p == '"') ++p;
+  while (isBlank(*p)) ++p;
+  return *p == 0 || *p == ',';
+}
+
+}  // namespace
+
 int zyldb::add_text(TextFile& f, int skipFirst, int maxRecords) {
   if (maxRecords < 1 || numRecords >= capacity) return 0;
+  Progress progress(&progress_, f.byteSize());
   int added = 0;
-  for (;;) {
-    auto rec = std::make_unique<dbrecord>(static_cast<unsigned short>(numFields));
-    rec->set_container(this);
-    int count = rec->read(f);
-    if (count == 0) return added;
-    if (static_cast<unsigned int>(count) != numFields) {
-      fill_error_info(1, added, 0, 0);
-      LogBoth("zyldb::add_text: returning because not all fields filled\n");
-      return added;
-    }
-    if (added == 0 && skipFirst) {
-      if (rec->read(f) == 0) {
-        vorn_printf("zyldb::add_text: returning because no more lines\n");
-        return added;
+  [&] {
+    for (;;) {
+      if (progress.active() && added % kProgressRows == 0)
+        progress.update(f.lineOffset(f.currentLine));
+      auto rec = makeRecord();
+      const unsigned int line = f.currentLine;
+      int count = rec->read(f);
+      if (count == 0) return;
+      // A control character where a field starts counts as a start without
+      // a value, so the values are counted too: a line short of values is
+      // refused like any short line.
+      if (static_cast<unsigned int>(count) != numFields || rec->get_num_fields() != numFields) {
+        fill_error_info(DBLoadError::rowFieldCount, added, 0, 0);
+        LogBoth("zyldb::add_text: returning because not all fields filled\n");
+        return;
       }
-    } else if (equalsMagic(rec->get_field(0))) {
-      // A header line among the records: skip it and the two lines after it.
-      rec->read(f);
-      rec->read(f);
-      if (rec->read(f) == 0) {
-        vorn_printf("zyldb::add_text: returning because no more lines\n");
-        return added;
+      if (added == 0 && skipFirst) {
+        if (rec->read(f) == 0) {
+          vorn_printf("zyldb::add_text: returning because no more lines\n");
+          return;
+        }
+      } else if (equalsMagic(rec->get_field(0)) && isTerminatorLine(f, line)) {
+        // A header line among the records: skip it and the two lines after it.
+        rec->read(f);
+        rec->read(f);
+        if (rec->read(f) == 0) {
+          vorn_printf("zyldb::add_text: returning because no more lines\n");
+          return;
+        }
       }
+      rows[numRecords++] = rec.release();
+      while (numRecords >= capacity) add_chunk();
+      if (++added >= maxRecords) return;
     }
-    rows[numRecords++] = rec.release();
-    while (numRecords >= capacity) add_chunk();
-    if (++added >= maxRecords) return added;
-  }
+  }();
+  progress.finish(f.byteSize());
+  return added;
+}
+
+std::unique_ptr<dbrecord> zyldb::makeRecord() {
+  // Every record the loader creates is made here.
+  auto rec = std::make_unique<dbrecord>(static_cast<unsigned short>(numFields));
+  rec->set_container(this);
+  return rec;
 }
 
 namespace {
@@ -504,9 +414,10 @@ namespace {
 // the column `tagColumn` when there is one (visible and raw rows coincide
 // unless only tags are shown). Returns the number of rows written.
 int writeRows(zyldb& table, TextFile& f, dbrecord* const* rows, unsigned int n, int tagColumn,
-              bool showTagsOnly) {
+              bool showTagsOnly, Progress& progress) {
   int written = 0;
   for (unsigned int i = 0; i < n; ++i) {
+    if (progress.active() && i % kProgressRows == 0) progress.update(f.byteSize());
     dbrecord* rec = rows[i];
     if (tagColumn >= 0) {
       char text[8];
@@ -522,38 +433,122 @@ int writeRows(zyldb& table, TextFile& f, dbrecord* const* rows, unsigned int n, 
   return written;
 }
 
+// Saves f and reports the end of the save when it succeeded.
+bool finishSave(const TextFile& f, const LightweightString<wchar_t>& name, Progress& progress) {
+  if (!f.save(name, TextFile::eLF)) return false;
+  progress.setTotal(f.byteSize());
+  progress.finish(f.byteSize());
+  return true;
+}
+
+bool csvSafe(std::string_view v) {
+  return v.find_first_of(std::string_view(",\n\r\0", 4)) == std::string_view::npos;
+}
+
 }  // namespace
 
+bool zyldb::refuseSave(const char* function, DBLoadError::SaveProblem problem, const char* reason) {
+  fill_error_info(DBLoadError::saveRefused, problem, 0, 0);
+  LogBoth("%s: not saved, the file would not load back: %s\n", function, reason);
+  return false;
+}
+
+bool zyldb::checkSavable(const char* function, dbrecord* const* list, unsigned int n) {
+  if (endsWithCsv(fileName)) {
+    // A log written under a ".csv" name would load as CSV: such a name gets
+    // CSV, and only when CSV holds the table as it is.
+    return refuseSave(function, DBLoadError::csvName,
+                      "a name ending in \".csv\" is loaded as plain CSV");
+  }
+  if (const char* why = zyl::logformat::paramsProblem(paramsOf(*this)))
+    return refuseSave(function, DBLoadError::badParameter, why);
+  if (const char* why = zyl::logformat::columnsProblem(*this))
+    return refuseSave(function, DBLoadError::badColumn, why);
+  for (unsigned int i = 0; i < n; ++i) {
+    if (list[i] == nullptr) continue;
+    if (numFields == 0)
+      return refuseSave(function, DBLoadError::noColumns, "rows without columns have no line");
+    if (!list[i]->fitsLineForm())
+      return refuseSave(function, DBLoadError::longValue, "a value is longer than 4095 bytes");
+  }
+  return true;
+}
+
+int zyldb::saveCsv() {
+  // Only a table that CSV holds exactly: text_s columns, no parameters
+  // beyond the magic one, no separators in names or values, and no row
+  // whose line would be empty.
+  const char* fn = "zyldb::save_text";
+  if (numParams > 1) return refuseSave(fn, DBLoadError::csvName, "CSV holds no parameters");
+  std::string line;
+  for (unsigned int c = 0; c < numFields; ++c) {
+    if (fieldTypes[c] != DBFieldTypes::text_s || !csvSafe(fieldNames[c].view()))
+      return refuseSave(fn, DBLoadError::csvName, "CSV holds only text_s columns without commas");
+    if (c) line += ',';
+    line += fieldNames[c].view();
+  }
+  if (numFields == 0 && numRecords > 0)
+    return refuseSave(fn, DBLoadError::noColumns, "rows without columns have no line");
+  TextFile f;
+  f.appendLine(std::string_view(line));
+  for (unsigned int r = 0; r < numRecords; ++r) {
+    line.clear();
+    for (unsigned int c = 0; c < numFields; ++c) {
+      std::string_view v = rows[r]->getField(static_cast<unsigned short>(c)).view();
+      if (!csvSafe(v))
+        return refuseSave(fn, DBLoadError::csvName, "a value holds a comma or a line break");
+      if (c) line += ',';
+      line += v;
+    }
+    if (line.empty()) return refuseSave(fn, DBLoadError::csvName, "a row would be an empty line");
+    f.appendLine(std::string_view(line));
+  }
+  Progress progress(&progress_, f.byteSize());
+  return finishSave(f, fileName, progress) ? static_cast<int>(numRecords) : 0;
+}
+
 int zyldb::save_text() {
-  const RowsMeasure measure = measureRows(rows, numRecords, numFields);
+  if (endsWithCsv(fileName) && showTagsOnly == 0) return saveCsv();
+  if (!checkSavable("zyldb::save_text", rows, numRecords)) return 0;
+  const RowsMeasure measure = measureRows(rows, numRecords);
   TextFile f;
   reserveLines(f, numRecords, measure.lineBytes);
-  save_params(f);
-  writeColumnHeader(*this, f, &measure.longest);
+  // A table without parameters still gets the magic line: a file needs it
+  // to load.
+  zyl::logformat::appendParamLines(f, paramsOf(*this), true);
+  save_column_header(f, false);
+  Progress progress(&progress_, f.byteSize() + measure.lineBytes);
   int written = writeRows(*this, f, rows, numRecords, get_fieldnum(LightweightString<char>("Tag")),
-                          showTagsOnly != 0);
-  return f.save(fileName, TextFile::eLF) ? written : 0;
+                          showTagsOnly != 0, progress);
+  return finishSave(f, fileName, progress) ? written : 0;
 }
 
 int zyldb::save_text_without_header() {
+  if (!checkSavable("zyldb::save_text_without_header", rows, numRecords)) return 0;
+  const size_t lineBytes = measureRows(rows, numRecords).lineBytes;
   TextFile f;
-  reserveLines(f, numRecords, measureRows(rows, numRecords, 0).lineBytes);
+  reserveLines(f, numRecords, lineBytes);
   save_params(f);
-  writeColumnHeader(*this, f, nullptr);
+  save_column_header(f, true);
+  Progress progress(&progress_, f.byteSize() + lineBytes);
   int written = writeRows(*this, f, rows, numRecords, get_fieldnum(LightweightString<char>("Tag")),
-                          showTagsOnly != 0);
-  return f.save(fileName, TextFile::eLF) ? written : 0;
+                          showTagsOnly != 0, progress);
+  return finishSave(f, fileName, progress) ? written : 0;
 }
 
 bool zyldb::save_tags() {
-  const RowsMeasure measure = measureRows(rows, numRecords, numFields);
+  if (!checkSavable("zyldb::save_tags", rows, numRecords)) return false;
+  const RowsMeasure measure = measureRows(rows, numRecords);
   TextFile f;
   reserveLines(f, measure.taggedRows, measure.taggedLineBytes);
-  save_params(f);
-  writeColumnHeader(*this, f, &measure.longest);
-  for (unsigned int i = 0; i < numRecords; ++i)
+  zyl::logformat::appendParamLines(f, paramsOf(*this), true);
+  save_column_header(f, false);
+  Progress progress(&progress_, f.byteSize() + measure.taggedLineBytes);
+  for (unsigned int i = 0; i < numRecords; ++i) {
+    if (progress.active() && i % kProgressRows == 0) progress.update(f.byteSize());
     if (rows[i]->getTag() && !rows[i]->write(f)) break;
-  return f.save(fileName, TextFile::eLF);
+  }
+  return finishSave(f, fileName, progress);
 }
 
 void zyldb::fill_error_info(int code, int detail, int extra1, int extra2) {

@@ -1,10 +1,5 @@
-// The table's tags, sorting (with the exported comparators dbr_cmp and
-// dbr_backcmp and their process-wide state) and search.
-//
-// The comparison state is global because the comparators have the two-pointer
-// qsort signature and are shared with the views: sortPrepare of a table sets
-// it, and a sort of that table or of a view over it reads it. Only one sort
-// may run at a time in the process.
+// The table's tags, sorting (through the sort engine, SortEngine.h) and
+// search.
 
 #include <strings.h>
 #include <zyldb/db/dbrecord.h>
@@ -18,227 +13,19 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
-#include <typeinfo>
 #include <vector>
 
 #include "db/RowDeletion_internal.h"
 #include "db/RowRuns_internal.h"
-#include "db/zyldb_sort_internal.h"
-
-int comco = 0;
-int* cmp_fields = nullptr;
+#include "db/SortEngine.h"
 
 namespace {
-
-int cmp_plain = 0;
-int cmp_offset = 0;
-int cmp_tc_field = -1;
 
 constexpr unsigned int kMaxFieldIndex = 0xFFFF;
 
 const char* cellText(const dbrecord* rec, int field) {
   if (rec == nullptr || field < 0 || static_cast<unsigned int>(field) > kMaxFieldIndex) return "";
   return rec->getField(static_cast<unsigned short>(field)).c_str();
-}
-
-// Skips white space the way the record reader does: a byte with the high bit
-// set is never taken as white space.
-const char* skipBlanks(const char* s) {
-  while (*s != 0 && (static_cast<unsigned char>(*s) & 0x80) == 0 &&
-         std::isspace(static_cast<unsigned char>(*s)))
-    ++s;
-  return s;
-}
-
-// The text from character `at` on, or "" when the text is shorter.
-const char* from(const char* s, size_t at) {
-  const size_t n = std::strlen(s);
-  return at < n ? s + at : s + n;
-}
-
-// One field of the ascending comparison, on texts whose leading blanks are
-// skipped. Sets `stop` when both cells are empty: that ends the comparison
-// with "equal", and later sort fields are not consulted.
-int compareCells(int field, const char* ta, const char* tb, bool& stop) {
-  if (*ta == 0 || *tb == 0) {
-    stop = true;
-    if (*ta == 0 && *tb == 0) return 0;
-    return *ta == 0 ? 1 : -1;
-  }
-  if (field == cmp_tc_field) {
-    // The ninth character separates the frames; ':' and ';' (non-drop and
-    // drop frame) must compare equal, so it is skipped.
-    const int result = strncasecmp(ta, tb, 8);
-    return result != 0 ? result : strcasecmp(from(ta, 9), from(tb, 9));
-  }
-  if (cmp_offset > 0)
-    return strcasecmp(from(ta, static_cast<size_t>(cmp_offset)),
-                      from(tb, static_cast<size_t>(cmp_offset)));
-  if (cmp_plain != 0) return strcasecmp(ta, tb);
-  if (cmp_offset < 0) {
-    const size_t tail = static_cast<size_t>(-static_cast<long>(cmp_offset));
-    const size_t la = std::strlen(ta);
-    const size_t lb = std::strlen(tb);
-    return strcasecmp(ta + (la > tail ? la - tail : 0), tb + (lb > tail ? lb - tail : 0));
-  }
-  return strxcmp(ta, tb);
-}
-
-// The ascending comparison from sort field `f` on (the blank-record rule
-// already applied).
-int compareAscendingFrom(const int* f, const dbrecord* a, const dbrecord* b) {
-  for (; *f >= 0; ++f) {
-    bool stop = false;
-    const int result =
-        compareCells(*f, skipBlanks(cellText(a, *f)), skipBlanks(cellText(b, *f)), stop);
-    if (stop || result != 0) return result;
-  }
-  return 0;
-}
-
-int compareAscending(const dbrecord* a, const dbrecord* b) {
-  ++comco;
-  const bool blankA = a == nullptr || a->is_blank() != 0;
-  const bool blankB = b == nullptr || b->is_blank() != 0;
-  if (blankA || blankB) return blankA == blankB ? 0 : (blankA ? 1 : -1);
-  return cmp_fields == nullptr ? 0 : compareAscendingFrom(cmp_fields, a, b);
-}
-
-int compareDescendingFrom(const int* f, const dbrecord* a, const dbrecord* b) {
-  for (; *f >= 0; ++f) {
-    const int result = strcasecmp(cellText(a, *f), cellText(b, *f));
-    if (result != 0) return result < 0 ? 1 : -1;
-  }
-  return 0;
-}
-
-int compareDescending(const dbrecord* a, const dbrecord* b) {
-  ++comco;
-  return cmp_fields == nullptr ? 0 : compareDescendingFrom(cmp_fields, a, b);
-}
-
-// What a table sort moves: the record and, worked out once per row, the text
-// of its first sort field (blanks skipped for the ascending order; null for a
-// blank record in the ascending order) and the first eight bytes of an
-// encoding of that text whose plain byte order is the comparison's order:
-//  * caseless (strcasecmp): the ASCII-lower-cased bytes;
-//  * strxcmp: the same, except that a run of digits becomes '0', the number
-//    of its digits after leading zeros, and those digits. No other byte of
-//    the encoding is a '0', so runs line up and compare by value, and a run
-//    compares with other characters as a digit does.
-// Zeros pad the encoding after the text's end. Bytes from `clean` on are not
-// to be trusted (a byte >= 0x80 in the caseless order, whose case folding
-// belongs to the C library; a digit run too long to count in one byte).
-// Where two prefixes differ at a trusted byte, that byte decides, so most
-// comparisons never read the texts; the tie-breaks of both orders (case,
-// leading zeros) only matter between prefixes that are equal.
-struct SortEntry {
-  const char* key;
-  dbrecord* rec;
-  uint64_t prefix;
-  uint32_t index;  // the entry's place before the sort
-  uint8_t clean;
-  bool emptyKey;  // saves reading the text to apply the empty-cell rule
-};
-
-enum class KeyOrder { kCaseless, kStrx };
-
-inline bool isDigitByte(unsigned char c) { return c >= '0' && c <= '9'; }
-
-SortEntry makeEntry(const char* key, dbrecord* rec, uint32_t index, KeyOrder order) {
-  SortEntry e{key, rec, 0, index, 8, key == nullptr || *key == 0};
-  if (key == nullptr) return e;
-  unsigned char out[8] = {};
-  unsigned int n = 0;
-  const unsigned char* p = reinterpret_cast<const unsigned char*>(key);
-  while (n < 8 && *p != 0) {
-    const unsigned char c = *p;
-    if (order == KeyOrder::kStrx && isDigitByte(c)) {
-      while (*p == '0') ++p;
-      const unsigned char* digits = p;
-      while (isDigitByte(*p)) ++p;
-      const size_t len = static_cast<size_t>(p - digits);
-      out[n++] = '0';
-      if (n == 8) break;
-      if (len > 254) {
-        e.clean = static_cast<uint8_t>(n);
-        break;
-      }
-      out[n++] = static_cast<unsigned char>(len);
-      for (size_t i = 0; i < len && n < 8; ++i) out[n++] = digits[i];
-      continue;
-    }
-    if (order == KeyOrder::kCaseless && c >= 0x80) {
-      e.clean = static_cast<uint8_t>(n);
-      break;
-    }
-    out[n++] = static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
-    ++p;
-  }
-  for (unsigned int i = 0; i < 8; ++i) e.prefix = (e.prefix << 8) | out[i];
-  return e;
-}
-
-// -1 or 1 when the prefixes decide the order, 0 when the texts must be read.
-int comparePrefixes(const SortEntry& x, const SortEntry& y) {
-  if (x.prefix == y.prefix) return 0;
-  const unsigned int at = static_cast<unsigned int>(__builtin_clzll(x.prefix ^ y.prefix)) / 8;
-  if (at >= x.clean || at >= y.clean) return 0;
-  return x.prefix < y.prefix ? -1 : 1;
-}
-
-int compareEntriesAscending(const SortEntry& x, const SortEntry& y) {
-  ++comco;
-  if (x.key == nullptr || y.key == nullptr)
-    return (x.key == nullptr) == (y.key == nullptr) ? 0 : (x.key == nullptr ? 1 : -1);
-  if (cmp_fields == nullptr || cmp_fields[0] < 0) return 0;
-  if (x.emptyKey || y.emptyKey) return x.emptyKey == y.emptyKey ? 0 : (x.emptyKey ? 1 : -1);
-  if (cmp_fields[0] == cmp_tc_field || cmp_offset == 0) {
-    const int byPrefix = comparePrefixes(x, y);
-    if (byPrefix != 0) return byPrefix;
-  }
-  bool stop = false;
-  const int result = compareCells(cmp_fields[0], x.key, y.key, stop);
-  if (stop || result != 0) return result;
-  return compareAscendingFrom(cmp_fields + 1, x.rec, y.rec);
-}
-
-int compareEntriesDescending(const SortEntry& x, const SortEntry& y) {
-  ++comco;
-  if (cmp_fields == nullptr || cmp_fields[0] < 0) return 0;
-  int result = comparePrefixes(x, y);
-  if (result == 0) result = strcasecmp(x.key, y.key);
-  if (result != 0) return result < 0 ? 1 : -1;
-  return compareDescendingFrom(cmp_fields + 1, x.rec, y.rec);
-}
-
-// The entries of `records` sorted stably in the order of the comparison
-// state: ascending as dbr_cmp orders the records, descending (direction < 0)
-// as dbr_backcmp does.
-std::vector<SortEntry> sortedEntries(dbrecord* const* records, size_t n, int direction) {
-  std::vector<SortEntry> entries(n);
-  const int first = cmp_fields != nullptr ? cmp_fields[0] : -1;
-  // A timecode column compares its first eight characters caselessly
-  // before anything else, so its caseless prefix decides as well.
-  const KeyOrder order = direction < 0 || cmp_plain != 0 || (first >= 0 && first == cmp_tc_field)
-                             ? KeyOrder::kCaseless
-                             : KeyOrder::kStrx;
-  for (size_t i = 0; i < n; ++i) {
-    dbrecord* rec = records[i];
-    const char* key = cellText(rec, first);
-    if (direction >= 0) key = rec == nullptr || rec->is_blank() != 0 ? nullptr : skipBlanks(key);
-    entries[i] = makeEntry(key, rec, static_cast<uint32_t>(i), order);
-  }
-  if (direction < 0) {
-    std::stable_sort(entries.begin(), entries.end(), [](const SortEntry& x, const SortEntry& y) {
-      return compareEntriesDescending(x, y) < 0;
-    });
-  } else {
-    std::stable_sort(entries.begin(), entries.end(), [](const SortEntry& x, const SortEntry& y) {
-      return compareEntriesAscending(x, y) < 0;
-    });
-  }
-  return entries;
 }
 
 struct LabelPair {
@@ -269,15 +56,35 @@ const LightweightString<char>& labelName(size_t pair, bool end) {
   return end ? names.end[pair] : names.start[pair];
 }
 
+// Whether `rec` lies in the label range sought: its start label begins with
+// `sought`, or the start label is at most and the end label at least `sought`
+// (compared on sought's length). A missing start column or empty start label
+// never matches; an empty `sought` always does.
+bool labelRangeMatches(const dbrecord* rec, int startCol, int endCol,
+                       const LightweightString<char>& sought) {
+  if (startCol < 0) return false;
+  const char* s = cellText(rec, startCol);
+  if (*s == 0) return false;
+  const size_t n = sought.size();
+  if (n == 0) return true;
+  const char* q = sought.c_str();
+  if (std::strncmp(s, q, n) == 0) return true;
+  if (endCol < 0) return false;
+  const char* e = cellText(rec, endCol);
+  if (*e == 0) return false;
+  if (std::strncmp(q, s, n) < 0) return false;
+  return std::strncmp(q, e, n) <= 0;
+}
+
+// The pair a label column belongs to, or kNumLabelPairs.
+size_t labelPairOf(const char* name) {
+  for (size_t i = 0; i < kNumLabelPairs; ++i)
+    if (std::strcmp(name, kLabelPairs[i].start) == 0 || std::strcmp(name, kLabelPairs[i].end) == 0)
+      return i;
+  return kNumLabelPairs;
+}
+
 }  // namespace
-
-int dbr_cmp(const void* a, const void* b) {
-  return compareAscending(*static_cast<dbrecord* const*>(a), *static_cast<dbrecord* const*>(b));
-}
-
-int dbr_backcmp(const void* a, const void* b) {
-  return compareDescending(*static_cast<dbrecord* const*>(a), *static_cast<dbrecord* const*>(b));
-}
 
 // ---- Tags -----------------------------------------------------------------------
 
@@ -368,48 +175,30 @@ void zyldb::set_sortfields(int* fields) { sortFields = fields; }
 void zyldb::set_sort_offset(int offset) { sortOffset = offset; }
 
 void zyldb::sortPrepare(int /*direction*/, int flag) {
-  cmp_plain = flag;
-  cmp_offset = sortOffset;
-  cmp_tc_field = -1;
-  comco = 0;
-  cmp_fields = sortFields;
-  if (sortFields == nullptr) return;
   int timecodeField = -1;
-  for (int* f = sortFields; *f >= 0; ++f) {
-    // Cutting the list in place is deliberate: the comparators stop at the
-    // -1, and a caller's array keeps the change.
-    if (static_cast<unsigned int>(*f) >= numFields) {
-      *f = -1;
-      continue;
+  if (sortFields != nullptr) {
+    for (int* f = sortFields; *f >= 0; ++f) {
+      // Cutting the list in place is deliberate: the comparators stop at the
+      // -1, and a caller's array keeps the change.
+      if (static_cast<unsigned int>(*f) >= numFields) {
+        *f = -1;
+        continue;
+      }
+      if (get_field_type(static_cast<unsigned int>(*f)) == DBFieldTypes::timecode)
+        timecodeField = *f;
     }
-    if (get_field_type(static_cast<unsigned int>(*f)) == DBFieldTypes::timecode) timecodeField = *f;
   }
-  if (timecodeField >= 0) cmp_tc_field = timecodeField;
+  zyl::sortEnginePrepare(sortFields, flag, sortOffset, timecodeField);
 }
 
-// A stable merge sort of the row pointers: records never move, and rows that
-// compare equal keep their order. The entries are built before the rows are
-// touched, so running out of memory leaves the order as it was.
+// Row pointers move, records never do; rows that compare equal keep their
+// order. The sort keys are built before the rows are touched, so running out
+// of memory leaves the order as it was.
 void zyldb::sort(int direction, int flag) {
   sortPrepare(direction, flag);
-  if (numRecords >= 2) {
-    const std::vector<SortEntry> entries = sortedEntries(rows, numRecords, direction);
-    for (unsigned int i = 0; i < numRecords; ++i) rows[i] = entries[i].rec;
-  }
+  zyl::sortRecords(rows, numRecords, direction);
   if (showTagsOnly != 0) index_tags();
 }
-
-namespace zyl {
-
-std::vector<uint32_t> stableSortOrder(const std::vector<dbrecord*>& records, int direction) {
-  if (records.size() > UINT32_MAX) throw Qm::Exception::BadAlloc();
-  const std::vector<SortEntry> entries = sortedEntries(records.data(), records.size(), direction);
-  std::vector<uint32_t> order(entries.size());
-  for (size_t i = 0; i < entries.size(); ++i) order[i] = entries[i].index;
-  return order;
-}
-
-}  // namespace zyl
 
 // ---- Search ----------------------------------------------------------------------
 
@@ -472,26 +261,10 @@ bool zyldb::found_in_special_label_field(const dbrecord* rec, int field) const {
     return true;
   const LightweightString<char>& sought =
       query[static_cast<size_t>(field)].getCriterion(0).getText();
-  const char* name = get_fieldname(static_cast<unsigned int>(field));
-  size_t pair = kNumLabelPairs;
-  for (size_t i = 0; i < kNumLabelPairs && pair == kNumLabelPairs; ++i)
-    if (std::strcmp(name, kLabelPairs[i].start) == 0 || std::strcmp(name, kLabelPairs[i].end) == 0)
-      pair = i;
+  const size_t pair = labelPairOf(get_fieldname(static_cast<unsigned int>(field)));
   if (pair == kNumLabelPairs) return true;
-  const int startCol = get_fieldnum(labelName(pair, false));
-  const int endCol = get_fieldnum(labelName(pair, true));
-  if (startCol < 0) return false;
-  const char* s = cellText(rec, startCol);
-  if (*s == 0) return false;
-  const size_t n = sought.size();
-  if (n == 0) return true;
-  const char* q = sought.c_str();
-  if (std::strncmp(s, q, n) == 0) return true;
-  if (endCol < 0) return false;
-  const char* e = cellText(rec, endCol);
-  if (*e == 0) return false;
-  if (std::strncmp(q, s, n) < 0) return false;
-  return std::strncmp(q, e, n) <= 0;
+  return labelRangeMatches(rec, get_fieldnum(labelName(pair, false)),
+                           get_fieldnum(labelName(pair, true)), sought);
 }
 
 int zyldb::match_record(int row) const {
@@ -502,9 +275,92 @@ int zyldb::match_record(int row) const {
   return 1;
 }
 
+// The query worked out once for a whole search: only the columns with a
+// criterion, each with what matching it needs, so that a row costs one look
+// at each of those cells and nothing else. Matching a row gives exactly
+// match_record's answer for a row with a record.
+class zyldb::CompiledQuery {
+ public:
+  explicit CompiledQuery(const zyldb& table) : table_(table) {
+    for (unsigned int f = 0; f < table.numFields; ++f) {
+      const bool special = f < table.specialLabelFields.size() && table.specialLabelFields[f];
+      if (f >= table.query.size() || table.query[f].empty()) continue;
+      Column c{f, Kind::kText, -1, -1};
+      if (special) {
+        const size_t pair = labelPairOf(table.get_fieldname(f));
+        if (pair == kNumLabelPairs) continue;
+        c.kind = Kind::kLabelRange;
+        c.startCol = table.get_fieldnum(labelName(pair, false));
+        c.endCol = table.get_fieldnum(labelName(pair, true));
+      } else {
+        const DBFieldTypes::eType type = table.get_field_type(f);
+        if (type == DBFieldTypes::timecode)
+          c.kind = Kind::kTimecode;
+        else if (type == DBFieldTypes::timecode_s || type == DBFieldTypes::dos_date)
+          c.kind = Kind::kConverted;
+      }
+      columns_.push_back(c);
+    }
+  }
+
+  bool matches(const dbrecord* rec) const {
+    const unsigned int flags = table_.searchFlag != 0 ? 1u : 0u;
+    for (const Column& c : columns_) {
+      const TextSearch::Criteria& crit = table_.query[c.field];
+      bool ok;
+      switch (c.kind) {
+        case Kind::kLabelRange:
+          ok = labelRangeMatches(rec, c.startCol, c.endCol, crit.getCriterion(0).getText());
+          break;
+        case Kind::kText:
+          ok = TextSearch::match(rec->getField(static_cast<unsigned short>(c.field)), crit, flags);
+          break;
+        case Kind::kTimecode:
+          ok = TextSearch::match(rec->getField(static_cast<unsigned short>(c.field)), crit,
+                                 flags | TextSearch::kTimecode);
+          break;
+        case Kind::kConverted:
+        default:
+          ok = table_.matchField(rec, static_cast<unsigned short>(c.field), crit);
+          break;
+      }
+      if (!ok) return false;
+    }
+    return true;
+  }
+
+ private:
+  enum class Kind { kText, kTimecode, kConverted, kLabelRange };
+  struct Column {
+    unsigned int field;
+    Kind kind;
+    int startCol, endCol;
+  };
+  const zyldb& table_;
+  std::vector<Column> columns_;
+};
+
+// Tags every row match_record accepts (a missing record counts as accepted,
+// as its -1 is non-zero). With the table's own steps the query is compiled
+// once instead of being worked out again for every row.
 int zyldb::tag_matching_records(int keepOthers) {
   if (query.empty() || numRecords == 0) return 0;
   int count = 0;
+  if (batchesMayBypassSteps()) {
+    const CompiledQuery compiled(*this);
+    for (unsigned int i = 0; i < numRecords; ++i) {
+      dbrecord* rec = get_record(i);
+      if (rec == nullptr) {
+        ++count;  // set_tag of a missing row does nothing
+      } else if (compiled.matches(rec)) {
+        rec->setTag(1);
+        ++count;
+      } else if (keepOthers == 0) {
+        rec->setTag(0);
+      }
+    }
+    return count;
+  }
   for (unsigned int i = 0; i < numRecords; ++i) {
     if (match_record(static_cast<int>(i)) != 0) {
       set_tag(i, 1);

@@ -1,4 +1,3 @@
-#include <strings.h>
 #include <zyldb/db/zyldb.h>
 #include <zyldb/fieldmap/FieldMap.h>
 
@@ -6,11 +5,17 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <unordered_map>
 
 namespace {
 
-bool sameName(const LightweightString<char>& a, const LightweightString<char>& b) {
-  return strcasecmp(a.c_str(), b.c_str()) == 0;
+// The key under which a name is counted: what strcasecmp compares (the text
+// up to its first NUL), lower-cased.
+std::string nameKey(const LightweightString<char>& name) {
+  std::string key(name.c_str());
+  for (char& c : key)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return key;
 }
 
 bool isDigitOrMinus(char c) { return (c >= '0' && c <= '9') || c == '-'; }
@@ -41,9 +46,16 @@ FieldMap::FieldMap(const FieldMap& other) = default;
 
 FieldMap& FieldMap::operator=(const FieldMap& other) {
   if (this == &other) return *this;
+  // Copies first, so that memory exhaustion leaves this map as it was.
+  auto names = other.names_;
+  auto visible = other.visible_;
+  auto counts = other.nameCount_;
   source_ = other.source_;
-  names_ = other.names_;
-  visible_ = other.visible_;
+  names_.swap(names);
+  visible_.swap(visible);
+  nameCount_.swap(counts);
+  visibleOrder_.reset();
+  firstIndex_.reset();
   return *this;
 }
 
@@ -51,14 +63,36 @@ FieldMap::~FieldMap() = default;
 
 ODBBase* FieldMap::sourceBase() const { return source_.rep(); }
 
+void FieldMap::uncountName(const std::string& key) {
+  auto it = nameCount_.find(key);
+  if (it != nameCount_.end() && --it->second == 0) nameCount_.erase(it);
+}
+
+const std::vector<int>& FieldMap::visibleOrder() const {
+  if (!visibleOrder_) {
+    std::vector<int> order;
+    for (size_t i = 0; i < visible_.size(); ++i)
+      if (visible_[i]) order.push_back(static_cast<int>(i));
+    visibleOrder_ = std::move(order);
+  }
+  return *visibleOrder_;
+}
+
 int FieldMap::getFieldIdx(const LightweightString<char>& name) const {
-  for (size_t i = 0; i < names_.size(); ++i)
-    if (sameName(names_[i], name)) return static_cast<int>(i);
-  return -1;
+  if (!containsField(name)) return -1;
+  if (!firstIndex_) {
+    std::unordered_map<std::string, int> first;
+    first.reserve(nameCount_.size());
+    for (size_t i = 0; i < names_.size(); ++i)
+      first.try_emplace(nameKey(names_[i]), static_cast<int>(i));
+    firstIndex_ = std::move(first);
+  }
+  auto it = firstIndex_->find(nameKey(name));
+  return it == firstIndex_->end() ? -1 : it->second;
 }
 
 bool FieldMap::containsField(const LightweightString<char>& name) const {
-  return getFieldIdx(name) != -1;
+  return nameCount_.count(nameKey(name)) != 0;
 }
 
 bool FieldMap::isVisible(int i) const {
@@ -74,50 +108,47 @@ LightweightString<char> FieldMap::getName(int i) const {
   return names_[i];
 }
 
-int FieldMap::numVisible() const {
-  int n = 0;
-  for (bool v : visible_) n += v;
-  return n;
-}
+int FieldMap::numVisible() const { return static_cast<int>(visibleOrder().size()); }
 
 int FieldMap::getVisibleFieldIndex(int n) const {
-  if (n < 0) return -1;
-  int seen = 0;
-  for (size_t i = 0; i < visible_.size(); ++i) {
-    if (!visible_[i]) continue;
-    if (seen == n) {
-      ODBBase* src = sourceBase();
-      return src ? src->get_fieldnum(names_[i]) : -1;
-    }
-    ++seen;
-  }
-  return -1;
+  const std::vector<int>& order = visibleOrder();
+  if (n < 0 || static_cast<size_t>(n) >= order.size()) return -1;
+  ODBBase* src = sourceBase();
+  return src ? src->get_fieldnum(names_[order[n]]) : -1;
 }
 
 void FieldMap::set(int i, const LightweightString<char>& name, bool visible) {
   if (i < 0 || i >= size()) return;
-  names_[i] = name;
-  visible_[i] = visible;
+  setName(i, name);
+  setVisible(i, visible);
 }
 
 void FieldMap::setName(int i, const LightweightString<char>& name) {
   if (i < 0 || i >= size()) return;
+  std::string oldKey = nameKey(names_[i]);
+  ++nameCount_[nameKey(name)];
+  uncountName(oldKey);
+  firstIndex_.reset();
   names_[i] = name;
 }
 
 void FieldMap::setVisible(int i, bool visible) {
   if (i < 0 || i >= size()) return;
+  if (visible_[i] != visible) visibleOrder_.reset();
   visible_[i] = visible;
 }
 
 void FieldMap::invertVisible(int i) {
   if (i < 0 || i >= size()) return;
+  visibleOrder_.reset();
   visible_[i] = !visible_[i];
 }
 
 void FieldMap::swap(int i, int j) {
   if (i < 0 || i >= size() || j < 0 || j >= size()) return;
   names_[i].swap(names_[j]);
+  visibleOrder_.reset();
+  firstIndex_.reset();
   bool v = visible_[i];
   visible_[i] = visible_[j];
   visible_[j] = v;
@@ -126,19 +157,39 @@ void FieldMap::swap(int i, int j) {
 bool FieldMap::remove(const LightweightString<char>& name) {
   int i = getFieldIdx(name);
   if (i < 0) return false;
+  uncountName(nameKey(names_[i]));
+  visibleOrder_.reset();
+  firstIndex_.reset();
   names_.erase(names_.begin() + i);
   visible_.erase(visible_.begin() + i);
   return true;
 }
 
 void FieldMap::clear() {
+  nameCount_.clear();
+  visibleOrder_.reset();
+  firstIndex_.reset();
   names_.clear();
   visible_.clear();
 }
 
 void FieldMap::append(const LightweightString<char>& name, bool visible) {
   if (containsField(name)) return;
-  names_.push_back(name);
+  // Room first, growing geometrically, so that nothing can fail after the
+  // name is counted.
+  if (names_.size() == names_.capacity()) names_.reserve(2 * names_.size() + 8);
+  if (visible_.size() == visible_.capacity()) visible_.reserve(2 * visible_.size() + 64);
+  const std::string key = nameKey(name);
+  ++nameCount_[key];
+  visibleOrder_.reset();
+  if (firstIndex_) {
+    try {
+      firstIndex_->emplace(key, static_cast<int>(names_.size()));
+    } catch (...) {
+      firstIndex_.reset();  // rebuilt when next needed
+    }
+  }
+  names_.push_back(name);  // cannot fail now: room was reserved
   visible_.push_back(visible);
 }
 

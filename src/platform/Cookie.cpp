@@ -7,6 +7,7 @@
 
 #include <zyldb/platform/Cookie.h>
 
+#include <memory>
 #include <random>
 #include <string>
 #include <string_view>
@@ -51,16 +52,21 @@ bool parse(std::string_view s, bool strict, CookieType* type, Qm::UUID* id) {
 namespace Qm {
 
 UUID UUID::generate() {
-  // One generator per thread, seeded from the system's entropy source.
-  thread_local std::mt19937_64 gen = [] {
+  // One generator per thread, seeded from the system's entropy source. It
+  // lives on the heap: the library's thread-local data must stay small,
+  // because a module loaded with dlopen (the Python extension) that uses
+  // initial-exec thread-locals gets its whole block from the loader's small
+  // static reserve.
+  thread_local std::unique_ptr<std::mt19937_64> gen;
+  if (!gen) {
     std::random_device rd;
     std::seed_seq seq{rd(), rd(), rd(), rd(), rd(), rd(), rd(), rd()};
-    return std::mt19937_64(seq);
-  }();
+    gen = std::make_unique<std::mt19937_64>(seq);
+  }
   UUID id;
   do {
-    id.hi = gen();
-    id.lo = gen();
+    id.hi = (*gen)();
+    id.lo = (*gen)();
   } while (id.isNull());
   return id;
 }

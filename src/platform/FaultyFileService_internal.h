@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <string>
+#include <vector>
 
 namespace zyl::testing {
 
@@ -76,6 +77,24 @@ class FaultyFileService : public FileService {
   bool exists(const LightweightString<wchar_t>& path) override { return base_.exists(path); }
   bool isDirectory(const LightweightString<wchar_t>& path) override {
     return base_.isDirectory(path);
+  }
+  // Links, status and listings pass through; an in-place write counts as a
+  // write.
+  FileStatus status(const LightweightString<wchar_t>& path) override { return base_.status(path); }
+  bool resolveLinks(const LightweightString<wchar_t>& path,
+                    LightweightString<wchar_t>* target) override {
+    return base_.resolveLinks(path, target);
+  }
+  bool writeInPlace(const LightweightString<wchar_t>& path, const char* data, size_t n) override {
+    if (shouldFail(kWrite)) {
+      if (torn_) base_.writeInPlace(path, data, n / 2);
+      return false;
+    }
+    return real(base_.writeInPlace(path, data, n));
+  }
+  bool listDirectory(const LightweightString<wchar_t>& dir,
+                     std::vector<LightweightString<wchar_t>>* names) override {
+    return base_.listDirectory(dir, names);
   }
   std::string lastError() const override {
     return injected_ ? std::string("injected failure") : base_.lastError();

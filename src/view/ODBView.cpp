@@ -16,7 +16,7 @@
 #include <string>
 
 #include "db/NotifyTypes_internal.h"
-#include "db/zyldb_sort_internal.h"
+#include "db/SortEngine.h"
 #include "view/ODBView_internal.h"
 
 namespace {

@@ -1,34 +1,58 @@
 // Writing a view as a database file, and turning it into a new table.
 
 #include <zyldb/db/dbrecord.h>
+#include <zyldb/platform/Logging.h>
 #include <zyldb/platform/TextFile.h>
 #include <zyldb/platform/TextUtil.h>
 #include <zyldb/view/ODBView.h>
 
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "db/LogFormat.h"
 
 namespace {
 
-// The view's parameters in list order, each as a "name:value" line; then
-// the table's column header.
+std::vector<zyl::logformat::Param> paramsOf(const AssocList& params) {
+  std::vector<zyl::logformat::Param> out;
+  for (const AssocList::Entry& e : params)
+    out.push_back({e.key.view(), e.hasValue ? e.value.view() : std::string_view()});
+  return out;
+}
+
+// The view's parameters in list order, each as a "name:value" line (the
+// magic line first when the list lacks it); then the table's column header.
 void writeHeader(const AssocList& params, zyldb* table, TextFile& f) {
-  std::string line;
-  for (const AssocList::Entry& e : params) {
-    line.assign(1, '"');
-    line.append(e.key.view());
-    line += ':';
-    if (e.hasValue) line.append(e.value.view());
-    line += '"';
-    f.appendLine(std::string_view(line));
-  }
+  zyl::logformat::appendParamLines(f, paramsOf(params), true);
   table->save_column_header(f, false);
+}
+
+// False, with the reason logged, when the file would not load back as the
+// view shows it (the same checks as the table's save).
+bool savable(const LightweightString<wchar_t>& name, const AssocList& params, zyldb* table,
+             ODBViewRep& view, int count) {
+  const std::wstring_view n = name.view();
+  const char* why = n.size() >= 4 && n.substr(n.size() - 4) == L".csv"
+                        ? "a name ending in \".csv\" is loaded as plain CSV"
+                        : zyl::logformat::paramsProblem(paramsOf(params));
+  if (!why) why = zyl::logformat::columnsProblem(*table);
+  for (int i = 0; !why && i < count; ++i) {
+    const dbrecord* record = view[i];
+    if (record && !record->fitsLineForm())
+      why = table->get_num_fields() == 0 ? "rows without columns have no line"
+                                         : "a value is longer than 4095 bytes";
+  }
+  if (!why) return true;
+  LogBoth("ODBViewRep::saveAsText: not saved, the file would not load back: %s\n", why);
+  return false;
 }
 
 }  // namespace
 
 int ODBViewRep::saveAsText(LightweightString<wchar_t> name, bool headerOnly) {
   if (!source() || !table_ || name.empty()) return 0;
+  if (!savable(name, params_, table_, *this, headerOnly ? 0 : index_.count())) return 0;
   TextFile f;
   writeHeader(params_, table_, f);
   int written = 0;
@@ -57,6 +81,7 @@ int ODBViewRep::saveAsText(const char* name, bool headerOnly) {
 
 int ODBViewRep::saveOnlyTagged(LightweightString<wchar_t> name) {
   if (!source() || !table_ || name.empty()) return 0;
+  if (!savable(name, params_, table_, *this, index_.count())) return 0;
   TextFile f;
   writeHeader(params_, table_, f);
   int examined = 0;

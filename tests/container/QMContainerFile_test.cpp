@@ -118,6 +118,39 @@ TEST_F(ContainerTest, FailedReplacementLeavesOldContainer) {
   }
 }
 
+// trySave tells a written container from a failed one, with items or
+// without (save_text's own count cannot tell those apart).
+TEST_F(ContainerTest, TrySaveReportsFailures) {
+  DBFieldDesc descs[] = {{"Cookie", DBFieldTypes::text_s}, {}};
+  for (int items : {0, 2}) {
+    SCOPED_TRACE(items);
+    QMContainerFile::Writer w(descs);
+    for (int i = 0; i < items; ++i) w.addItem(Cookie::make('C'));
+    w.setName("bin");
+    EXPECT_FALSE(w.trySave(W((dir_ / "no-such-dir" / "x.bsg").string())));
+    EXPECT_EQ(w.saveError(), "No such file or directory");
+    fs::remove(file_);
+    EXPECT_TRUE(w.trySave(W(file_)));  // new
+    EXPECT_EQ(w.saveError(), "");
+    EXPECT_TRUE(w.trySave(W(file_)));  // replacing
+    Faulty faulty;
+    zyl::testing::ScopedFileService use(&faulty);
+    for (Faulty::Op op : {Faulty::kWrite, Faulty::kMove}) {
+      for (int nth : {1, 2}) {
+        faulty.reset();
+        faulty.failNth(op, nth);
+        const bool saved = w.trySave(W(file_));
+        EXPECT_EQ(saved, faulty.failures(op) == 0) << op << " " << nth;
+        if (!saved) {
+          EXPECT_EQ(w.saveError(), "injected failure");
+        }
+        EXPECT_EQ(filesInDir(), 1u);
+      }
+    }
+    EXPECT_EQ(Reader(W(file_), false).getNumItems(), static_cast<unsigned>(items));
+  }
+}
+
 TEST_F(ContainerTest, InvalidContainers) {
   Cookie a = Cookie::make('C');
   std::string upper = a.asString().c_str();

@@ -38,9 +38,15 @@ TEST(DbRecordLine, WriteEscapesInsideQuotes) {
     std::string line;
   } cases[] = {
       {{"a", "b\"c", "x\ny"}, R"("a","b""c","x\ny")"},
-      {{"a\r\nb", std::string("n\0ul", 4), "back\\slash", ""}, R"("a\nb","nul","back\slash","")"},
+      // Carriage returns and NULs as hex escapes, a backslash too when an
+      // 'n' follows it.
+      {{"a\r\nb", std::string("n\0ul", 4), "back\\slash", ""},
+       R"("a"x0D\nb","n"x00ul","back\slash","")"},
       {{"12345678\"", "abcdefghijklmno\r", "\xC3\xA9\xFF\x80\x7F\x01\t\x1F"},
-       "\"12345678\"\"\",\"abcdefghijklmno\",\"\xC3\xA9\xFF\x80\x7F\x01\t\x1F\""},
+       "\"12345678\"\"\",\"abcdefghijklmno\"x0D\",\"\xC3\xA9\xFF\x80\x7F\x01\t\x1F\""},
+      // Blanks at either end, a literal backslash-n, and a first value that
+      // reads as the terminator.
+      {{"ZyLdB", " a\t", "C:\\new", "ZYLDB"}, R"(""x5AyLdB",""x20a"x09","C:"x5Cnew","ZYLDB")"},
   };
   for (const Case& c : cases) {
     dbrecord r = makeRecord(c.vals);

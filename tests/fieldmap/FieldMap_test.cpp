@@ -1,10 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <strings.h>
 #include <zyldb/db/zyldb.h>
 #include <zyldb/fieldmap/FieldMap.h>
 
 #include <memory>
+#include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -122,6 +125,115 @@ TEST(FieldMapBinding, RebindKeepsOrAppendsEntries) {
   copy = m;  // shares the source
   EXPECT_EQ(copy.getSourceDb().rep(), textMap.getSourceDb().rep());
   EXPECT_EQ(copy.asString(), "2 -0 3");
+}
+
+}  // namespace
+
+namespace {
+
+// The plain rules that the name counts and the visible positions replace:
+// every lookup a scan of the entries.
+struct PlainMap {
+  std::vector<std::pair<std::string, bool>> entries;
+  int find(const std::string& name) const {
+    for (size_t i = 0; i < entries.size(); ++i)
+      if (strcasecmp(entries[i].first.c_str(), name.c_str()) == 0) return static_cast<int>(i);
+    return -1;
+  }
+  int visibleAt(int n) const {
+    for (size_t i = 0; i < entries.size(); ++i)
+      if (entries[i].second && n-- == 0) return static_cast<int>(i);
+    return -1;
+  }
+};
+
+TEST(FieldMapIndex, AgreesWithPlainScansUnderRandomEdits) {
+  const std::vector<std::string> names = {"Reel", "REEL", "Scene", "take", "Take", "", "Zz"};
+  std::mt19937 rng(5);
+  for (int round = 0; round < 50; ++round) {
+    FieldMap m;
+    PlainMap plain;
+    for (int step = 0; step < 200; ++step) {
+      const std::string& name = names[rng() % names.size()];
+      const int i = static_cast<int>(rng() % 8) - 1;
+      const bool inRange = i >= 0 && i < static_cast<int>(plain.entries.size());
+      switch (rng() % 6) {
+        case 0:
+          m.append(name.c_str(), rng() % 2);
+          if (plain.find(name) < 0) plain.entries.push_back({name, m.isVisible(m.size() - 1)});
+          break;
+        case 1:
+          m.setName(i, name.c_str());
+          if (inRange) plain.entries[i].first = name;
+          break;
+        case 2:
+          m.invertVisible(i);
+          if (inRange) plain.entries[i].second = !plain.entries[i].second;
+          break;
+        case 3: {
+          const int j = static_cast<int>(rng() % 8);
+          m.swap(i, j);
+          if (inRange && j < static_cast<int>(plain.entries.size()))
+            std::swap(plain.entries[i], plain.entries[j]);
+          break;
+        }
+        case 4:
+          if (m.remove(name.c_str())) plain.entries.erase(plain.entries.begin() + plain.find(name));
+          break;
+        default:
+          if (rng() % 10 == 0) m.clear(), plain.entries.clear();
+          if (rng() % 2) m = FieldMap(m);
+          break;
+      }
+      ASSERT_EQ(m.size(), static_cast<int>(plain.entries.size()));
+      for (const std::string& n : names) {
+        ASSERT_EQ(m.getFieldIdx(n.c_str()), plain.find(n)) << n;
+        ASSERT_EQ(m.containsField(n.c_str()), plain.find(n) >= 0);
+      }
+      int visible = 0;
+      for (const auto& e : plain.entries) visible += e.second;
+      ASSERT_EQ(m.numVisible(), visible);
+      for (int n = 0; n <= visible; ++n)
+        ASSERT_EQ(m.getVisibleFieldIndex(n), -1);  // no source: always -1
+      (void)plain.visibleAt(0);
+    }
+  }
+}
+
+// 65 535 columns: filling, editing and the visible lookups must stay near
+// linear (as plain scans they take billions of comparisons). Without a
+// source, so that only the map's own cost counts.
+TEST(FieldMapIndex, SixtyFiveThousandColumns) {
+  constexpr int kColumns = 65535;
+  FieldMap m;
+  for (int i = 0; i < kColumns; ++i) m.append(("Col" + std::to_string(i)).c_str(), i % 2 == 1);
+  for (int i = 0; i < kColumns; ++i) m.append(("col" + std::to_string(i)).c_str(), true);
+  ASSERT_EQ(m.size(), kColumns);  // every name already held, ignoring case
+  ASSERT_EQ(m.numVisible(), kColumns / 2);
+  for (int i = 0; i < kColumns; ++i)
+    ASSERT_EQ(m.isVisible(("COL" + std::to_string(i)).c_str()), i % 2 == 1);
+  for (int n = 0; n < kColumns / 2; ++n) ASSERT_EQ(m.getVisibleFieldIndex(n), -1);
+  m.invertVisible(0);
+  EXPECT_EQ(m.numVisible(), kColumns / 2 + 1);
+  EXPECT_TRUE(m.remove("col65534"));
+  EXPECT_FALSE(m.containsField("Col65534"));
+}
+
+// With a source, the visible lookups give the source's column numbers.
+TEST(FieldMapIndex, VisibleLookupsWithASource) {
+  std::vector<std::string> cols;
+  for (int i = 0; i < 3000; ++i) cols.push_back("Col" + std::to_string(i));
+  auto t = makeTable(cols, "3 -1 2 5");
+  FieldMap m(*t);
+  ASSERT_THAT(entries(m), ElementsAre("Col2", "-Col0", "Col1", "Col4"));
+  EXPECT_EQ(m.getVisibleFieldIndex(0), 2);
+  EXPECT_EQ(m.getVisibleFieldIndex(1), 1);
+  m.swap(0, 1);
+  m.setVisible(0, true);
+  EXPECT_EQ(m.getVisibleFieldIndex(0), 0);
+  EXPECT_EQ(m.getVisibleFieldIndex(3), 4);
+  EXPECT_EQ(m.getVisibleFieldIndex(4), -1);
+  EXPECT_EQ(m.asString(), "1 3 2 5");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #   stdout   the expected standard output
 #   stderr   the expected standard error
 #   status   the expected exit status
+#   stdin    optional: what the tool reads on stdin (else nothing)
 #   files/   optional: every file the run must create, with its content
 #
 # The tool runs in a scratch copy of DATA_DIR plus the example logs, so that
@@ -52,7 +53,9 @@ fi
   unset COLUMNS
   TMPDIR=$scratch/tmp
   export TMPDIR
-  exec "$zyldb" "$@" > "$scratch/stdout.raw" 2> "$scratch/stderr.raw"
+  input=/dev/null
+  if [ -f "$case_dir/stdin" ]; then input=$case_dir/stdin; fi
+  exec "$zyldb" "$@" < "$input" > "$scratch/stdout.raw" 2> "$scratch/stderr.raw"
 )
 echo $? > "$scratch/actual/status"
 sed "s|$work|@WORK@|g" "$scratch/stdout.raw" > "$scratch/actual/stdout"

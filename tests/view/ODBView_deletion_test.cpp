@@ -2,8 +2,8 @@
 // deletion done run by run, and deletions and view construction under
 // allocation failure.
 //
-// A table of a subclass never takes the one-pass path (a subclass could
-// override delete_records), so the same random world built over `zyldb` and
+// A table that says batches may not bypass the steps never takes the
+// one-pass path, so the same random world built over `zyldb` and
 // over `LiteralTable` gives the new path and the literal steps side by side:
 // every listener's messages, every view's entries, tags, capacity and stale
 // slots must agree.
@@ -24,6 +24,7 @@ namespace {
 
 struct LiteralTable : zyldb {
   using zyldb::zyldb;
+  bool batchesMayBypassSteps() const override { return false; }
 };
 
 using Rng = std::mt19937_64;

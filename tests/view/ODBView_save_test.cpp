@@ -69,7 +69,8 @@ TEST_F(ODBViewSaveTest, WritesParametersHeaderAndRowsWithTheViewsTags) {
   ODBView v = viewOf(plain.get(), {0, 1, 2, 3, 4});
   v->tagAll(true);
   v->set_filename(Qm::WStringFromAscii(name_));
-  const std::string head = "\"ZYLDB\"\n\"32\"\n\"text\"\n\"Name\"\n";
+  // The magic line is written even without parameters: a file needs it.
+  const std::string head = "\"ZYLDB:Rev 1\"\n\"ZYLDB\"\n\"32\"\n\"text\"\n\"Name\"\n";
   EXPECT_EQ(v->save_text(), 5);
   EXPECT_EQ(slurp(), head + "\"r0\"\n\"r1\"\n\"r2\"\n\"r3\"\n\"r4\"\n");
   EXPECT_EQ(v->saveOnlyTagged(name_), 5);

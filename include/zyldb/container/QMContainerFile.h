@@ -21,6 +21,8 @@
 #include <zyldb/platform/Cookie.h>
 #include <zyldb/platform/LightweightString.h>
 
+#include <string>
+
 class ZYLDB_EXPORT QMContainerFile {
  public:
   // "Name": the parameter that holds the container's display name.
@@ -138,7 +140,16 @@ class ZYLDB_EXPORT QMContainerFile::Writer : public zyldb {
   // table's file name is afterwards the path written (the ".tmp" name when an
   // existing file was replaced).
   void save(const LightweightString<wchar_t>& path);
+  // As save(), and says whether the container was written: false when the
+  // file could not be written or could not replace the old one (the old
+  // file is then unchanged and the ".tmp" file removed); saveError() then
+  // describes the failure.
+  bool trySave(const LightweightString<wchar_t>& path);
+  // The file service's description of the last trySave()/save() failure;
+  // empty after a success.
+  const std::string& saveError() const { return saveError_; }
 
  private:
   int cookieField_ = -1;
+  std::string saveError_;
 };

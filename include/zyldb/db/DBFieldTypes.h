@@ -39,6 +39,15 @@ struct DBFieldDesc {
 // Returns 0 for anything else. REQUIRES: s != nullptr.
 ZYLDB_EXPORT DBFieldTypes::eType zyldb_string_to_fieldtype(const char* s);
 
+// The keyword the log writer puts in a file's types line for `t`:
+// "timecode", "text_s", ... for the ten types that have one. Null for every
+// other code (char_ and unnamed codes are written as their one character,
+// which zyldb_string_to_fieldtype reads back as the same code; none is never
+// written). The text is static. Reading and writing share one table, so
+// zyldb_string_to_fieldtype(zyldb_fieldtype_to_string(t)) == t for every
+// named t. Constant time.
+ZYLDB_EXPORT const char* zyldb_fieldtype_to_string(DBFieldTypes::eType t);
+
 // A copy of `s` without any `ch`; the empty (null) string for an empty `s`.
 ZYLDB_EXPORT LightweightString<char> strip_char_from_string(char ch, const char* s);
 

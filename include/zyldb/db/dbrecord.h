@@ -99,6 +99,9 @@ class ZYLDB_EXPORT dbrecord {
   // Appends the record's line (every value quoted; see docs/FILE_FORMAT.md)
   // to f and clears the changed flag. Returns 1.
   int write(TextFile& f) const;
+  // True when read() gives back exactly what write() writes: at least one
+  // field and no value longer than 4095 bytes.
+  bool fitsLineForm() const;
   // Replaces the values with the fields of line f.currentLine and advances
   // currentLine. Returns the number of field starts on the line (the number
   // of fields for any line write() produced), or 0 for an essentially empty

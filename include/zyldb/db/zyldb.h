@@ -26,6 +26,7 @@
 // change.
 
 #include <zyldb/db/DBFieldTypes.h>
+#include <zyldb/db/LoadError.h>
 #include <zyldb/db/ODBBase.h>
 #include <zyldb/export.h>
 #include <zyldb/platform/Cookie.h>
@@ -35,7 +36,9 @@
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <map>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -46,7 +49,8 @@ namespace zyl {
 class RowDeletion;
 }
 
-// The caller's copy of a table's last load error (see read_error_info).
+// The caller's copy of a table's last load error (see read_error_info); the
+// codes are named in DBLoadError.
 struct dberror {
   int32_t code = 0;
   int32_t detail = 0;
@@ -127,7 +131,9 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   // The record at visible row `row`, or null. Owned by the table; valid until
   // the row is deleted or the table freed.
   dbrecord* get_record(unsigned int row) const override;
-  // The raw row of a visible row; -1 (as unsigned) when there is none.
+  // The raw row of a visible row; -1 (as unsigned) when there is none. In
+  // show-tags-only mode a linear scan; the row equal to the tagged count is
+  // accepted and matches the first raw row without a record.
   unsigned int get_raw_row(unsigned int visibleRow);
   // The visible row of a raw row; -1 (as unsigned) when it is not visible.
   unsigned int get_new_row(unsigned int rawRow);
@@ -137,7 +143,9 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   // A new blank record of get_num_fields() fields; the caller owns it.
   dbrecord* make_dummy_record() override;
   // Assigns `src` to the record at visible row `row` (values only; the
-  // target's container and tag stay). Nothing when either is missing.
+  // target's container and tag stay), also when `src` is that record (its
+  // leading white space is then dropped and it is marked changed). Nothing
+  // when either is missing.
   void copy_record(int row, dbrecord* src);
   // As above with `other`'s record at `otherRow`.
   void copy_record(int row, zyldb* other, int otherRow);
@@ -338,6 +346,17 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
 
   // ---- Files ------------------------------------------------------------------
 
+  // Progress of a load or save: the bytes read or written so far and the
+  // total when it is known (0 when not; while saving, the total is the
+  // expected size of the file, which escapes may exceed a little). Called on the loading or saving
+  // thread, at most about once per MiB and once at the end (done == total
+  // then). It may not use the table.
+  using ProgressFn = std::function<void(uint64_t done, uint64_t total)>;
+  // Sets the function loadFromFile, load_text, save_text,
+  // save_text_without_header and save_tags report to; an empty function
+  // (the default) turns reporting off, which then costs nothing.
+  void setProgress(ProgressFn fn) { progress_ = std::move(fn); }
+
   void set_filename(LightweightString<wchar_t> name) override;
   LightweightString<wchar_t> get_filename() override;
   // Resets the table and loads the file it names; sets the valid flag on
@@ -356,6 +375,16 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   void timecode_check(const char* text);
 
  protected:
+  // Whether the batch operations may work on the rows directly instead of
+  // through the overridable steps the table's rules are written in:
+  // delete_tagged_records, when no listener is registered, drops every tagged
+  // row in one pass instead of one delete_records call per run, and
+  // tag_matching_records matches rows without calling match_record (the same
+  // rows result; nothing can see the difference). A subclass that overrides
+  // delete_records, get_tag, get_num_records or match_record and relies on
+  // those calls returns false. The table's answer: true.
+  virtual bool batchesMayBypassSteps() const { return true; }
+
   // The sorted part of the identifier cache: built once by getRowIndexByID.
   struct IdRow {
     Cookie id;
@@ -400,11 +429,13 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   // -1), and the time of the last change by a record read.
   std::vector<int> timecodeFields_;
   time_t lastChange_ = 0;
+  ProgressFn progress_;
 
  private:
   // Deletes many runs of rows in one pass (src/db/RowDeletion_internal.h).
   friend class zyl::RowDeletion;
 
+  class CompiledQuery;  // the query prepared for one tag_matching_records
   void destroyRows() noexcept;
   void growRows(unsigned int newCapacity);
   void ensureCapacity(uint64_t rowsNeeded);
@@ -412,6 +443,20 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   void copyColumnsFrom(const zyldb& src);
   void copyVisibleRowsFrom(const zyldb& src);
   void issueRecordsDeleted(const LightweightString<char>& text);
+  // The three loaders of loadFromFile: a ".csv" file, a full column header
+  // (false when it is refused), the names line of a header without one.
+  void loadCsv(const TextFile& file);
+  bool loadColumnHeader(TextFile& file, dbrecord& scratch);
+  void loadNamesOnlyHeader(const dbrecord& scratch);
+  // A new record of get_num_fields() fields with this table as container:
+  // the one place the loader creates records.
+  std::unique_ptr<dbrecord> makeRecord();
+  // Save checks: records the refusal (DBLoadError::saveRefused) and logs
+  // why; checkSavable is false when the file would not load back as the
+  // table is.
+  bool refuseSave(const char* function, DBLoadError::SaveProblem problem, const char* reason);
+  bool checkSavable(const char* function, dbrecord* const* list, unsigned int n);
+  int saveCsv();
 };
 
 // The process-wide sort state shared by tables and views (see sortPrepare):

@@ -5,9 +5,32 @@
 // public current-line counter `currentLine`.
 //
 // Loading accepts LF and CRLF line ends alike (a CR right before the LF is
-// dropped) and keeps a last line that has no line end. Saving never leaves a
-// half-written file in place of the old one: the text goes to a temporary
-// file beside the target, which is flushed and then renamed over it.
+// dropped) and keeps a last line that has no line end.
+//
+// Saving (the safe save every writer of the library goes through):
+//  * A regular file (or a new one) is never left half-written: the text goes
+//    to a temporary file beside it, which is flushed (fsync) and then
+//    renamed over it. The temporary is named <name>.zyltmp.<pid>.<n>; when
+//    that would pass the 255-byte limit of a file name, <name> is cut and a
+//    hash of the whole name added ("~" and 8 hex digits), so every name up
+//    to the limit can be saved and temporaries stay unique.
+//  * A symbolic link stays a link: the file at the end of its chain is
+//    replaced as above (a dangling link gets its target created).
+//  * A pipe, terminal or device (anything that exists and is neither a
+//    regular file nor a directory) is written directly, never renamed over.
+//  * A regular file with several hard links is rewritten in place, so that
+//    every link sees the new text. The cost: that rewrite is not atomic. The
+//    full text is first written to a temporary as above; a failed rewrite
+//    renames that temporary over the name saved to (this name then holds
+//    the new text, the other links what the failed rewrite left, and save()
+//    returns false); a process killed during the rewrite leaves a torn file
+//    under every link and the temporary beside it.
+//  * Temporaries that killed saves left (their process is gone) beside the
+//    file are removed by the next save of the same file; strayTemporaries()
+//    lists them. Every failure removes the save's own temporary, memory
+//    exhaustion during the save included.
+//  * Names are kept byte for byte, also when not valid UTF-8 (see
+//    zyl::pathFromBytes in OS.h).
 //
 // A TextFile is used by one thread at a time.
 
@@ -29,7 +52,12 @@ class ZYLDB_EXPORT TextFile {
   // Replaces the lines with those of the file `name`; `separator` is the
   // line-end character ('\n'); the bool is unused. Resets currentLine to 0.
   // Returns false (and holds no lines) when the file cannot be read.
+  // A UTF-8 byte-order mark at the start of the file is dropped. A name that
+  // is not a regular file (a FIFO, a device) is refused without blocking;
+  // notRegularFile() then tells so.
   bool load(const LightweightString<wchar_t>& name, char separator = '\n', bool unused = false);
+  // True when the last load() failed because the name is not a regular file.
+  bool notRegularFile() const { return notRegular_; }
 
   // Writes every line followed by the style's line end, atomically as
   // described above. Returns false when the file could not be written (the
@@ -39,8 +67,28 @@ class ZYLDB_EXPORT TextFile {
   // lines are the same afterwards, whatever the result.
   bool save(const LightweightString<wchar_t>& name, eEOLStyle style = eLF) const;
 
+  // The temporaries beside `name` (links followed) that saves no longer
+  // running left behind, as paths; empty when there are none or the
+  // directory cannot be read. Temporaries of this process are never listed.
+  // Costs one directory listing.
+  static std::vector<LightweightString<wchar_t>> strayTemporaries(
+      const LightweightString<wchar_t>& name);
+
+  // Unlinks the temporary files of every save in progress in this process
+  // (at most 16 at once are tracked), so that a program interrupted by a
+  // signal leaves none behind. Async-signal-safe: meant for SIGINT and
+  // SIGTERM handlers, which should then end the process (the interrupted
+  // saves fail; their targets are unchanged).
+  static void removePendingTemporaries() noexcept;
+
+  // The number of save() calls on the calling thread that returned true, so
+  // that a caller whose own result cannot tell can learn whether its save
+  // was written.
+  static uint64_t successfulSaves() noexcept;
+
   // Memory exhaustion leaves the file as it was.
   void appendLine(const LightweightString<char>& line);
+  void appendLine(const std::string& line);
   void appendLine(std::string_view line);
   // Resolves appendLine("literal"), which the two above make ambiguous; null
   // appends an empty line.
@@ -94,6 +142,12 @@ class ZYLDB_EXPORT TextFile {
   // Line n as a string (a copy); the empty string past the end.
   LightweightString<char> operator[](unsigned int n) const;
 
+  // The bytes held: every line and one terminator per line (the size of the
+  // file save() writes with LF line ends).
+  size_t byteSize() const { return buf_.size(); }
+  // The offset of line n within those bytes; byteSize() at or past the end.
+  size_t lineOffset(unsigned int n) const { return n < starts_.size() ? starts_[n] : buf_.size(); }
+
   unsigned int getNumLines() const { return static_cast<unsigned int>(starts_.size()); }
   unsigned int size() const { return getNumLines(); }
   void clear();
@@ -113,4 +167,5 @@ class ZYLDB_EXPORT TextFile {
   // while it writes and back before it returns.
   mutable std::string buf_;
   std::vector<size_t> starts_;  // offset of each line in buf_
+  bool notRegular_ = false;
 };

@@ -1,0 +1,40 @@
+#pragma once
+
+// The sort engine shared by tables and views: the process-wide comparison
+// state, the exported comparators dbr_cmp and dbr_backcmp that read it, and a
+// key-based sort that orders records exactly as those comparators do.
+//
+// The state is global because the comparators have the two-pointer qsort
+// signature: a table's sortPrepare sets it (through prepare), and a sort of
+// that table or of a view over it reads it. Only one sort may run at a time in
+// the process.
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+class dbrecord;
+
+namespace zyl {
+
+// Sets the comparison state: comco = 0, cmp_fields = fields (ended by a
+// negative entry; null sorts nothing), plain order (strcasecmp instead of
+// strxcmp) when `plain` is non-zero, the text offset, and the timecode column
+// (-1 for none). Costs O(1).
+void sortEnginePrepare(int* fields, int plain, int offset, int timecodeField);
+
+// Sorts records[0..n) in place into the order of the comparison state:
+// ascending as dbr_cmp orders them, descending (direction < 0) as dbr_backcmp
+// does; records that compare equal keep their order. A null record counts as
+// a blank one. Each record is read once to build a sort key (16 bytes of an
+// order-preserving encoding of its first sort cell), so most comparisons read
+// no record; comco counts the comparisons as the comparators do.
+// O(n log n) time, O(n) extra memory. Throws Qm::Exception::BadAlloc, leaving
+// the records as they were.
+void sortRecords(dbrecord** records, size_t n, int direction);
+
+// The same order as indexes into `records`, which are not moved.
+// Throws Qm::Exception::BadAlloc.
+std::vector<uint32_t> stableSortOrder(const std::vector<dbrecord*>& records, int direction);
+
+}  // namespace zyl
