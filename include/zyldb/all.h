@@ -33,4 +33,5 @@
 #include <zyldb/version.h>
 #include <zyldb/view/ODBView.h>
 #include <zyldb/view/ODBViewCursor.h>
+#include <zyldb/view/ViewIndex.h>
 #include <zyldb/zyldbDllVersion.h>

@@ -1,5 +1,6 @@
 #include "core.h"
 
+#include <strings.h>
 #include <zyldb/platform/Notifier.h>
 
 #include <cstring>
@@ -45,13 +46,23 @@ void LogCore::keep(py::error_already_set& e) {
   pending.emplace(std::move(e));
 }
 
+int columnNumber(const zyldb& table, const std::string& name) {
+  if (name.empty()) return -1;
+  int c = table.get_fieldnum(LightweightString<char>(name));
+  if (c >= 0 && strcasecmp(table.get_fieldname(static_cast<unsigned int>(c)), name.c_str()) == 0)
+    return c;
+  for (unsigned int i = 0; i < table.get_num_fields(); ++i)
+    if (strcasecmp(table.get_fieldname(i), name.c_str()) == 0) return static_cast<int>(i);
+  return -1;
+}
+
 int LogCore::column(const py::handle& name) const {
   zyldb& t = use();
   if (!py::isinstance<py::str>(name))
     throw py::type_error("a column is named by a str, not " +
                          std::string(py::str(py::type::of(name).attr("__name__"))));
   std::string text = name.cast<std::string>();
-  int c = text.empty() ? -1 : t.get_fieldnum(LightweightString<char>(text));
+  int c = columnNumber(t, text);
   if (c < 0) throw py::key_error(text);
   return c;
 }

@@ -129,6 +129,10 @@ struct RecordRef {
   ODBBase& source() const;
 };
 
+// The column named `name` (ignoring case), or -1. The table's name index
+// keeps a renamed column's old name as well; only current names count here.
+int columnNumber(const zyldb& table, const std::string& name);
+
 // Cell text to str (bytes that are not UTF-8 kept with surrogateescape) and
 // back.
 py::str toPython(const char* text, size_t size);

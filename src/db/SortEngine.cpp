@@ -319,8 +319,11 @@ std::vector<SortEntry> sortedEntries(dbrecord* const* records, size_t n, int dir
   if (n > UINT32_MAX) throw Qm::Exception::BadAlloc();
   const Plan plan = makePlan(direction);
   std::vector<SortEntry> entries(n);
-  for (size_t i = 0; i < n; ++i)
+  const bool prefetch = plan.first >= 0 && static_cast<unsigned int>(plan.first) <= kMaxFieldIndex;
+  for (size_t i = 0; i < n; ++i) {
+    if (prefetch) zyl::prefetchCellAhead(records, i, n, static_cast<unsigned short>(plan.first));
     entries[i] = makeEntry(records[i], static_cast<uint32_t>(i), direction, plan);
+  }
   if (direction < 0) {
     std::sort(entries.begin(), entries.end(), [&plan](const SortEntry& x, const SortEntry& y) {
       const int c = compareEntriesDescending(x, y, plan);

@@ -26,6 +26,8 @@
 #include <string>
 
 #include "db/LibrarySettings_internal.h"
+#include "db/NotifyTypes_internal.h"
+#include "db/RowDeletion_internal.h"
 
 namespace {
 
@@ -37,19 +39,8 @@ const LightweightString<char>& cookieColumnName() {
   return name;
 }
 
-int internedType(const char* name) {
-  return NotifyMsgTypeDictionary::instance().intern(LightweightString<char>(name));
-}
-
-int recordsDeletedType() {
-  static const int type = internedType("recordsDeleted");
-  return type;
-}
-
-int recordsChangedType() {
-  static const int type = internedType("recordsChanged");
-  return type;
-}
+using zyl::recordsChangedType;
+using zyl::recordsDeletedType;
 
 const LightweightString<char>& cellOf(const dbrecord* rec, unsigned int field) {
   static const LightweightString<char> empty;
@@ -305,8 +296,10 @@ void zyldb::delete_records(unsigned int first, unsigned int count) {
   if (listened) issueRecordsDeleted(text);
 }
 
+// Deletions made by a listener during a delivery wait for it to end, so that
+// every listener hears them in order.
 void zyldb::issueRecordsDeleted(const LightweightString<char>& text) {
-  issueNotification(NotifyMsg(text, nullptr), recordsDeletedType());
+  zyl::RowDeletion::announce(*this, text);
 }
 
 unsigned int zyldb::get_num_records() const { return showTagsOnly != 0 ? numTagged : numRecords; }

@@ -15,6 +15,8 @@
 #include <ctime>
 #include <vector>
 
+#include "db/RowDeletion_internal.h"
+#include "db/RowRuns_internal.h"
 #include "db/SortEngine.h"
 
 namespace {
@@ -120,57 +122,31 @@ int zyldb::get_num_tags() {
   return count;
 }
 
-// Deletes each run of rows tagged exactly 1 with one delete_records call, so
-// that listeners get one message per run. Other non-zero tags survive.
+// Deletes each run of rows tagged exactly 1 as one delete_records call would,
+// so that listeners get one message per run. Other non-zero tags survive. A
+// plain table removes all the runs in one pass (RowDeletion) and then sends
+// the messages.
 int zyldb::delete_tagged_records() {
   if (showTagsOnly != 0) return -1;
-  // With no listener and none of the steps overridden, nothing can see the
-  // states between the runs, so the rows are compacted in one pass instead
-  // of moving the rest of the table once per run.
-  if (numListeners() == 0 && batchesMayBypassSteps()) {
-    unsigned int kept = 0;
-    for (unsigned int i = 0; i < numRecords; ++i) {
-      dbrecord* rec = rows[i];
-      if (rec != nullptr && rec->getTag() == 1)
-        delete rec;
-      else
-        rows[kept++] = rec;
-    }
-    const unsigned int deleted = numRecords - kept;
-    if (deleted > 0) {
-      numRecords = kept;
-      clearIdCache();
-      changed = 1;
-    }
-    return static_cast<int>(deleted);
+  if (zyl::RowDeletion::canBatch(*this)) {
+    std::vector<uint32_t> doomed, ends;
+    zyl::scanRuns([this] { return int64_t{numRecords}; },
+                  [this](int64_t r) { return rows[r] != nullptr && rows[r]->getTag() == 1; },
+                  [&](int64_t start, int64_t n) -> int64_t {
+                    for (int64_t r = start; r < start + n; ++r)
+                      doomed.push_back(static_cast<uint32_t>(r));
+                    ends.push_back(static_cast<uint32_t>(doomed.size()));
+                    return 0;
+                  });
+    return static_cast<int>(zyl::RowDeletion::run(*this, doomed, ends));
   }
-  int total = 0;
-  bool open = false;
-  unsigned int start = 0;
-  unsigned int i = 0;
-  while (i < get_num_records()) {
-    if (get_tag(i) == 1) {
-      if (!open) {
-        open = true;
-        start = i;
-      }
-      ++i;
-      continue;
-    }
-    if (open) {
-      delete_records(start, i - start);
-      total += static_cast<int>(i - start);
-      open = false;
-      i = start + 1;  // the row now at `start` is the untagged one just seen
-    } else {
-      ++i;
-    }
-  }
-  if (open) {
-    delete_records(start, i - start);
-    total += static_cast<int>(i - start);
-  }
-  return total;
+  return static_cast<int>(zyl::scanRuns(
+      [this] { return int64_t{get_num_records()}; },
+      [this](int64_t r) { return get_tag(static_cast<unsigned int>(r)) == 1; },
+      [this](int64_t start, int64_t n) -> int64_t {
+        delete_records(static_cast<unsigned int>(start), static_cast<unsigned int>(n));
+        return n;
+      }));
 }
 
 void zyldb::index_tags() {
@@ -353,6 +329,12 @@ class zyldb::CompiledQuery {
     return true;
   }
 
+  // The first column with a criterion, or -1.
+  int firstField() const {
+    return columns_.empty() || columns_[0].field > 0xFFFF ? -1
+                                                          : static_cast<int>(columns_[0].field);
+  }
+
  private:
   enum class Kind { kText, kTimecode, kConverted, kLabelRange };
   struct Column {
@@ -372,7 +354,12 @@ int zyldb::tag_matching_records(int keepOthers) {
   int count = 0;
   if (batchesMayBypassSteps()) {
     const CompiledQuery compiled(*this);
+    dbrecord* const* recs = showTagsOnly != 0 ? tagIndex : rows;
+    const unsigned int visible = showTagsOnly != 0 ? numTagged : numRecords;
     for (unsigned int i = 0; i < numRecords; ++i) {
+      if (compiled.firstField() >= 0)
+        zyl::prefetchCellAhead(recs, i, visible,
+                               static_cast<unsigned short>(compiled.firstField()));
       dbrecord* rec = get_record(i);
       if (rec == nullptr) {
         ++count;  // set_tag of a missing row does nothing

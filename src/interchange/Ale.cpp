@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "db/LibrarySettings_internal.h"
 #include "interchange/Interchange_internal.h"
 
 namespace zyl::interchange {
@@ -131,6 +132,16 @@ std::unique_ptr<zyldb> readAle(std::string_view text, Error* err) {
     if (section == Section::Column && !haveColumns) {
       if (isBlankLine(line)) continue;
       detail::splitTabs(line, escapes, &names);
+      // Column names are C strings: each ends at a NUL, before it is mapped.
+      for (LightweightString<char>& name : names) {
+        const size_t nul = name.view().find('\0');
+        if (nul != std::string_view::npos) name = LightweightString<char>(name.c_str(), nul);
+        // The table drops '&' from a name as it stores it; map the name it
+        // will store, or "Tap&e" would be stored as "Tape" and read back as Reel.
+        if (zyl::librarySettings().removeFieldnameAmpersands != 0 &&
+            name.view().find('&') != std::string_view::npos)
+          name = strip_char_from_string('&', name.c_str());
+      }
       while (!names.empty() && names.back().empty()) names.pop_back();
       if (names.size() > detail::kMaxColumns) {
         fail(err, at, 0, "more than 65535 columns");

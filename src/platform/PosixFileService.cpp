@@ -319,6 +319,11 @@ class PosixFileService final : public FileService {
     names->clear();
     DIR* d = ::opendir(utf8Path(dir).c_str());
     if (!d) return recordError(errno);
+    // Closed on every way out, memory exhaustion while listing included.
+    struct Closer {
+      DIR* d;
+      ~Closer() { ::closedir(d); }
+    } closer{d};
     errno = 0;
     while (const dirent* e = ::readdir(d)) {
       if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
@@ -326,7 +331,6 @@ class PosixFileService final : public FileService {
       errno = 0;
     }
     const int e = errno;
-    ::closedir(d);
     return e == 0 ? true : recordError(e);
   }
 

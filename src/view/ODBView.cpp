@@ -15,14 +15,13 @@
 #include <memory>
 #include <string>
 
+#include "db/NotifyTypes_internal.h"
 #include "db/SortEngine.h"
 #include "view/ODBView_internal.h"
 
 namespace {
 
-constexpr int kMinIndexCapacity = 20;
-
-// The state of the sort in progress; one sort at a time in the process.
+// The direction of the sort in progress; one sort at a time in the process.
 int gSortField = 0;
 
 // An index entry with its record looked up once, so that the comparison
@@ -42,32 +41,20 @@ int compareSortItems(const void* a, const void* b) {
 
 }  // namespace
 
-namespace zyl {
-
-int ODBViewInternal::recordsDeletedType() {
-  static const int type = NotifyMsgTypeDictionary::instance().intern("recordsDeleted");
-  return type;
-}
-
-int ODBViewInternal::recordsChangedType() {
-  static const int type = NotifyMsgTypeDictionary::instance().intern("recordsChanged");
-  return type;
-}
-
-}  // namespace zyl
-
 // ---- Construction and binding ------------------------------------------------
 
-ODBViewRep::ODBViewRep(zyldb* db) {
-  init();
+// The public constructors delegate to this one, so that once it has run the
+// destructor cleans up whatever a later step allocated before failing.
+ODBViewRep::ODBViewRep(Unbound) { init(); }
+
+ODBViewRep::ODBViewRep(zyldb* db) : ODBViewRep(Unbound{}) {
   odb(db);
   GrowString identity;
   identityFieldSpec(identity);
   fieldSpec(identity.c_str());
 }
 
-ODBViewRep::ODBViewRep(zyldb* db, const char* fields) {
-  init();
+ODBViewRep::ODBViewRep(zyldb* db, const char* fields) : ODBViewRep(Unbound{}) {
   odb(db);
   if (fields) {
     fieldSpec(fields);
@@ -78,8 +65,7 @@ ODBViewRep::ODBViewRep(zyldb* db, const char* fields) {
   }
 }
 
-ODBViewRep::ODBViewRep(zyldb* db, const char** names) {
-  init();
+ODBViewRep::ODBViewRep(zyldb* db, const char** names) : ODBViewRep(Unbound{}) {
   odb(db);
   GrowString joined;
   if (!names) {
@@ -99,8 +85,7 @@ ODBViewRep::~ODBViewRep() {
   fields_ = nullptr;
   baseRegistration_.reset();
   tableRegistration_.reset();
-  delete[] index_;
-  index_ = nullptr;
+  index_.clear();
 }
 
 void ODBViewRep::releaseRep() {
@@ -116,10 +101,7 @@ void ODBViewRep::init() {
   refCount_ = 0;
   baseView_ = nullptr;
   table_ = nullptr;
-  count_ = 0;
-  capacity_ = 0;
-  delete[] index_;
-  index_ = nullptr;
+  index_.clear();
   fieldSpecText_ = nullptr;
   fields_ = nullptr;
   condition_ = nullptr;
@@ -134,53 +116,68 @@ Qm::Ptr<iObject> ODBViewRep::registerFor(Notifier& notifier,
   Qm::Ptr<iCallbackBase<int, NotifyMsg>> callback(
       new MethodCallback<ODBViewRep, NotifyMsg, int>(this, method));
   Qm::Ptr<CallbackInvoker<NotifyMsg>> invoker(
-      new CallbackInvoker<NotifyMsg>(callback, zyl::ODBViewInternal::recordsDeletedType()));
+      new CallbackInvoker<NotifyMsg>(callback, zyl::recordsDeletedType()));
   return notifier.registerCallback(invoker);
 }
 
 // A stacked view hears of table deletions through its base view, numbered in
 // the base view's rows; the table's own message names table rows and would be
-// applied a second time, so it is ignored while a base view is set.
+// applied a second time, so it is ignored while a base view is set. During a
+// one-pass deletion of the table the view joins it and catches up at its end;
+// a deletion made meanwhile (by a listener) is queued behind it.
 int ODBViewRep::onTableRecordsDeleted(const NotifyMsg& msg) {
   if (baseView_) return 0;
+  if (zyl::RowDeletion* deletion = zyl::RowDeletion::active(table_)) {
+    const bool own = deletion->issuing(&msg);
+    if (!joinedTable_) {
+      joinedTable_ = true;
+      deletion->join(this, &zyl::ODBViewInternal::tableDeletionEnded);
+    }
+    if (own) return 0;
+  }
   return recordsDeletedNotify(msg);
 }
 
 // The base view announces each lost row with its correct position and then
-// repeats the rows in a closing list; only the first are applied. While the
-// base view announces a batch, the messages are queued and applied in one
-// pass when the batch ends (flushDeferredStacked).
+// repeats the rows in a closing list, which is ignored. A base view always
+// announces with its list at hand (announcedRows_): this view joins the
+// announcement and applies the list in one pass when it is over.
 int ODBViewRep::onBaseRecordsDeleted(const NotifyMsg& msg) {
   ODBViewRep* base = baseView_;
   if (!base || base->announcingClosing_) return 0;
-  if (base->announcing_ > 0) {
-    for (NotifyMsgTokenIterator it(msg); !it.atEnd(); ++it)
-      queuedRows_.push_back(static_cast<int32_t>(it.asLong()));
-    queuedGroupEnds_.push_back(static_cast<uint32_t>(queuedRows_.size()));
-    auto& waiting = base->deferredStacked_;
-    if (std::find(waiting.begin(), waiting.end(), this) == waiting.end()) waiting.push_back(this);
+  if (base->announcing_ > 0 && !base->announcedEnds_.empty()) {
+    if (!joinedBase_) {
+      joinedBase_ = true;
+      if (base->deferredStacked_.size() < base->deferredStacked_.capacity())
+        base->deferredStacked_.push_back(this);
+      else
+        zyl::ODBViewInternal::baseAnnouncementEnded(*this);
+    }
     return 0;
   }
   return recordsDeletedNotify(msg);
 }
 
-void ODBViewRep::flushDeferredStacked() {
-  // One at a time from the front: a view brought up to date may cause
-  // another to leave the list.
-  while (!deferredStacked_.empty()) {
-    ODBViewRep* v = deferredStacked_.front();
-    deferredStacked_.erase(deferredStacked_.begin());
-    zyl::ODBViewInternal::processQueued(*v);
-  }
+void ODBViewRep::linkStacked(ODBViewRep* base) noexcept {
+  nextStacked_ = base->firstStacked_;
+  base->firstStacked_ = this;
 }
 
-void ODBViewRep::forgetDeferral() {
+void ODBViewRep::unlinkStacked() noexcept {
+  if (!baseView_) return;
+  for (ODBViewRep** p = &baseView_->firstStacked_; *p; p = &(*p)->nextStacked_) {
+    if (*p == this) {
+      *p = nextStacked_;
+      break;
+    }
+  }
+  nextStacked_ = nullptr;
+  auto& waiting = baseView_->deferredStacked_;
+  waiting.erase(std::remove(waiting.begin(), waiting.end(), this), waiting.end());
+  joinedBase_ = false;
   queuedRows_.clear();
   queuedGroupEnds_.clear();
-  if (baseView_) {
-    auto& waiting = baseView_->deferredStacked_;
-    waiting.erase(std::remove(waiting.begin(), waiting.end(), this), waiting.end());
-  }
+  lost_ = false;
 }
 
 void ODBViewRep::odb(zyldb* db) {
@@ -207,17 +204,20 @@ void ODBViewRep::baseView(ODBViewRep* base) {
   clear();
   params_.clear();
   if (baseView_) {
-    forgetDeferral();
+    unlinkStacked();
     baseRegistration_.reset();
     ODBViewRep* old = baseView_;
     baseView_ = nullptr;
     old->releaseRep();
   }
-  baseView_ = base;
   if (!base) return;
+  // What can fail comes first: on failure the view stays unstacked.
   addParamsFrom(base);
-  baseRegistration_ = registerFor(*base, &ODBViewRep::onBaseRecordsDeleted);
+  Qm::Ptr<iObject> registration = registerFor(*base, &ODBViewRep::onBaseRecordsDeleted);
+  baseView_ = base;
+  baseRegistration_ = std::move(registration);
   base->retainRep();
+  linkStacked(base);
 }
 
 ODBBase* ODBViewRep::source() const {
@@ -229,23 +229,23 @@ ODBBase* ODBViewRep::source() const {
 
 dbrecord* ODBViewRep::operator[](int row) const {
   ODBBase* src = source();
-  if (!src || row < 0 || row >= count_) return nullptr;
+  if (!src || row < 0 || row >= index_.count()) return nullptr;
   return src->get_record(index_[row].row);
 }
 
 int ODBViewRep::baseIndex(int row) {
   ODBBase* src = source();
-  if (!src || row < 0 || row >= count_) return 0;
+  if (!src || row < 0 || row >= index_.count()) return 0;
   return src->baseIndex(static_cast<int>(index_[row].row));
 }
 
 int64_t ODBViewRep::sourceRow(int row) const {
-  if (row < 0 || row >= count_) return -1;
+  if (row < 0 || row >= index_.count()) return -1;
   return index_[row].row;
 }
 
 void ODBViewRep::buildIndex() {
-  count_ = 0;
+  index_.setCount(0);
   ODBBase* src = source();
   if (!src) return;
   const unsigned int n = src->get_num_records();
@@ -254,49 +254,19 @@ void ODBViewRep::buildIndex() {
   sortIndex();
 }
 
-void ODBViewRep::resizeIndex(int newCapacity, int keep) {
-  ODBViewIndexEntry* fresh = new ODBViewIndexEntry[static_cast<size_t>(newCapacity)]();
-  if (index_ && keep > 0)
-    std::memcpy(fresh, index_, static_cast<size_t>(keep) * sizeof(ODBViewIndexEntry));
-  delete[] index_;
-  index_ = fresh;
-  capacity_ = newCapacity;
-}
-
-void ODBViewRep::sizeIndexFor(int n) {
-  if (n == 0) {
-    delete[] index_;
-    index_ = nullptr;
-    capacity_ = 0;
-    return;
-  }
-  const int want = std::max(n, kMinIndexCapacity);
-  int newCapacity = capacity_;
-  if (want <= capacity_) {
-    if (static_cast<int64_t>(capacity_) > 2 * static_cast<int64_t>(want))
-      newCapacity = capacity_ / 2;
-  } else {
-    newCapacity = static_cast<int>(
-        std::min<int64_t>(std::max<int64_t>(2 * static_cast<int64_t>(capacity_), want), INT_MAX));
-  }
-  if (newCapacity == capacity_) return;
-  resizeIndex(newCapacity, newCapacity < count_ ? want : count_);
-}
+void ODBViewRep::sizeIndexFor(int n) { index_.sizeFor(n); }
 
 void ODBViewRep::append(int row) {
-  if (count_ == INT_MAX) return;
-  sizeIndexFor(count_ + 1);
-  index_[count_].row = static_cast<uint32_t>(row);
-  ++count_;
+  if (index_.count() == INT_MAX) return;
+  sizeIndexFor(index_.count() + 1);
+  index_[index_.count()].row = static_cast<uint32_t>(row);
+  index_.setCount(index_.count() + 1);
 }
 
-void ODBViewRep::clear() {
-  sizeIndexFor(0);
-  count_ = 0;
-}
+void ODBViewRep::clear() { index_.clear(); }
 
 int ODBViewRep::findViewIndexForBaseRow(unsigned long row) const {
-  for (int j = 0; j < count_; ++j) {
+  for (int j = 0; j < index_.count(); ++j) {
     const long entry = static_cast<int32_t>(index_[j].row);
     if (static_cast<unsigned long>(entry) == row) return j;
   }
@@ -306,30 +276,30 @@ int ODBViewRep::findViewIndexForBaseRow(unsigned long row) const {
 void ODBViewRep::sort(int field, int order) {
   SystemWatchdog::LifeSupport longOperation;
   ODBBase* src = source();
-  if (!src) return;
+  if (!src || refuseWhileAnnouncing("sort")) return;
   gSortField = field;
   src->sortPrepare(field, order);
-  if (count_ < 2) return;
-  std::vector<dbrecord*> records(static_cast<size_t>(count_));
+  if (index_.count() < 2) return;
+  std::vector<dbrecord*> records(static_cast<size_t>(index_.count()));
   bool missing = false;
-  for (int i = 0; i < count_; ++i)
+  for (int i = 0; i < index_.count(); ++i)
     missing |= (records[i] = src->get_record(index_[i].row)) == nullptr;
-  std::vector<ODBViewIndexEntry> sorted(static_cast<size_t>(count_));
+  std::vector<ODBViewIndexEntry> sorted(static_cast<size_t>(index_.count()));
   if (!missing) {
     // The table's key-based sort, equal rows keeping their order.
     const std::vector<uint32_t> order = zyl::stableSortOrder(records, field < 0 ? -1 : 1);
-    for (int i = 0; i < count_; ++i) sorted[i] = index_[order[i]];
+    for (int i = 0; i < index_.count(); ++i) sorted[i] = index_[order[i]];
   } else {
     // A row without record compares equal to every other row, which the
     // key-based sort does not do: compare pairwise.
-    std::vector<SortItem> items(static_cast<size_t>(count_));
-    for (int i = 0; i < count_; ++i) items[i] = {records[i], index_[i]};
+    std::vector<SortItem> items(static_cast<size_t>(index_.count()));
+    for (int i = 0; i < index_.count(); ++i) items[i] = {records[i], index_[i]};
     std::stable_sort(items.begin(), items.end(), [](const SortItem& a, const SortItem& b) {
       return compareSortItems(&a, &b) < 0;
     });
-    for (int i = 0; i < count_; ++i) sorted[i] = items[i].entry;
+    for (int i = 0; i < index_.count(); ++i) sorted[i] = items[i].entry;
   }
-  std::copy(sorted.begin(), sorted.end(), index_);
+  std::copy(sorted.begin(), sorted.end(), index_.data());
 }
 
 bool ODBViewRep::satisfiesCondition(dbrecord*) {
@@ -353,7 +323,7 @@ ODBViewRep* ODBViewRep::copy() {
     v->displayAllFromAt(this, 0);
     v->addParamsFrom(table_);
   }
-  for (int i = 0; i < count_; ++i) v->set_tag(static_cast<unsigned int>(i), index_[i].tag);
+  for (int i = 0; i < index_.count(); ++i) v->set_tag(static_cast<unsigned int>(i), index_[i].tag);
   return v.release();
 }
 
@@ -364,14 +334,15 @@ ODBViewRep* ODBViewRep::copyWithNewBaseView() {
   try {
     v.reset(new ODBViewRep(table));
     std::vector<uint32_t> rows;
-    rows.reserve(static_cast<size_t>(count_));
-    for (int i = 0; i < count_; ++i)
+    rows.reserve(static_cast<size_t>(index_.count()));
+    for (int i = 0; i < index_.count(); ++i)
       if ((*this)[i]) rows.push_back(static_cast<uint32_t>(baseIndex(i)));
     // Each row goes in at its own position i, which is at or past the new
     // view's end: in effect an append.
-    zyl::ODBViewInternal::insertEach(*v, rows, v->count_);
+    zyl::ODBViewInternal::insertEach(*v, rows, v->index_.count());
     v->addParamsFrom(this);
-    for (int i = 0; i < count_; ++i) v->set_tag(static_cast<unsigned int>(i), index_[i].tag);
+    for (int i = 0; i < index_.count(); ++i)
+      v->set_tag(static_cast<unsigned int>(i), index_[i].tag);
   } catch (...) {
     v.reset();
     delete table;
@@ -406,7 +377,9 @@ int ODBViewRep::delete_tagged_records() {
   return 0;
 }
 
-unsigned int ODBViewRep::get_num_records() const { return static_cast<unsigned int>(count_); }
+unsigned int ODBViewRep::get_num_records() const {
+  return static_cast<unsigned int>(index_.count());
+}
 
 unsigned int ODBViewRep::get_num_fields() const {
   ODBBase* src = source();
@@ -473,11 +446,11 @@ void ODBViewRep::set_sort_offset(int offset) {
 }
 
 void ODBViewRep::set_tag(unsigned int row, int value) {
-  if (row < static_cast<unsigned int>(count_)) index_[row].tag = value != 0;
+  if (row < static_cast<unsigned int>(index_.count())) index_[row].tag = value != 0;
 }
 
 void ODBViewRep::invert_tag(unsigned int row) {
-  if (row < static_cast<unsigned int>(count_)) index_[row].tag = !index_[row].tag;
+  if (row < static_cast<unsigned int>(index_.count())) index_[row].tag = !index_[row].tag;
 }
 
 int ODBViewRep::set_all_tags(int value) {
@@ -493,7 +466,7 @@ int ODBViewRep::invert_all_tags() {
 void ODBViewRep::set_show_tags_only(int) { removeNonTagged(); }
 
 int ODBViewRep::get_tag(unsigned int row) {
-  return row < static_cast<unsigned int>(count_) ? index_[row].tag : 0;
+  return row < static_cast<unsigned int>(index_.count()) ? index_[row].tag : 0;
 }
 
 int ODBViewRep::get_num_tags() { return countTags(); }
@@ -523,52 +496,52 @@ unsigned int translate(const ODBViewIndexEntry* index, int32_t count, unsigned i
 
 int ODBViewRep::set_field(unsigned int row, const Cookie& id) {
   ODBBase* src = source();
-  return src ? src->set_field(translate(index_, count_, row), id) : 0;
+  return src ? src->set_field(translate(index_.data(), index_.count(), row), id) : 0;
 }
 
 int ODBViewRep::set_field(unsigned int row, unsigned int field, const char* text) {
   ODBBase* src = source();
-  return src ? src->set_field(translate(index_, count_, row), field, text) : 0;
+  return src ? src->set_field(translate(index_.data(), index_.count(), row), field, text) : 0;
 }
 
 int ODBViewRep::set_field(unsigned int row, unsigned int field, int value) {
   ODBBase* src = source();
-  return src ? src->set_field(translate(index_, count_, row), field, value) : 0;
+  return src ? src->set_field(translate(index_.data(), index_.count(), row), field, value) : 0;
 }
 
 int ODBViewRep::set_field(unsigned int row, unsigned int field, double value) {
   ODBBase* src = source();
-  return src ? src->set_field(translate(index_, count_, row), field, value) : 0;
+  return src ? src->set_field(translate(index_.data(), index_.count(), row), field, value) : 0;
 }
 
 int ODBViewRep::set_field(unsigned int row, unsigned int field, bool value) {
   ODBBase* src = source();
-  return src ? src->set_field(translate(index_, count_, row), field, value) : 0;
+  return src ? src->set_field(translate(index_.data(), index_.count(), row), field, value) : 0;
 }
 
 int ODBViewRep::in_field(unsigned int row, unsigned int field, char* buf, int len) const {
   ODBBase* src = source();
-  return src ? src->in_field(translate(index_, count_, row), field, buf, len) : 0;
+  return src ? src->in_field(translate(index_.data(), index_.count(), row), field, buf, len) : 0;
 }
 
 int ODBViewRep::in_field(unsigned int row, unsigned int field, int& value) const {
   ODBBase* src = source();
-  return src ? src->in_field(translate(index_, count_, row), field, value) : 0;
+  return src ? src->in_field(translate(index_.data(), index_.count(), row), field, value) : 0;
 }
 
 int ODBViewRep::in_field(unsigned int row, unsigned int field, double& value) const {
   ODBBase* src = source();
-  return src ? src->in_field(translate(index_, count_, row), field, value) : 0;
+  return src ? src->in_field(translate(index_.data(), index_.count(), row), field, value) : 0;
 }
 
 int ODBViewRep::in_field(unsigned int row, unsigned int field, bool& value) const {
   ODBBase* src = source();
-  return src ? src->in_field(translate(index_, count_, row), field, value) : 0;
+  return src ? src->in_field(translate(index_.data(), index_.count(), row), field, value) : 0;
 }
 
 int ODBViewRep::add_records(int n) {
-  const int before = count_;
-  insertBlankRecords(count_, n);
+  const int before = index_.count();
+  insertBlankRecords(index_.count(), n);
   return before;
 }
 

@@ -12,9 +12,22 @@
 // Doing each drop literally moves the rest of the index every time. Instead
 // the final index is computed in one pass and the messages are issued
 // afterwards, exactly as the literal steps would issue them; see
-// ODBView_internal.h. While a view issues such a batch, the views stacked on
-// it queue what they hear and catch up in one pass when the batch ends.
+// ODBView_internal.h. When the host listens to the view, each per-row
+// message is delivered with the view as it stands after that drop (the rows
+// still to go read as rows without record); otherwise the view is already in
+// its final state, since only stacked views hear it and they catch up
+// afterwards.
+//
+// Busy views. While a view announces (issues its messages and lets its
+// stacked views catch up), the views stacked on it join the announcement and
+// apply its list in one pass at the end; a deletion reaching the view from
+// its source waits in its queue and is applied after the announcement; and
+// changes to the view's own rows are refused. Deleting through the table
+// with deleteTagged or deleteRecords lets the table remove every run in one
+// pass (RowDeletion); the views of the table join that deletion and catch up
+// in one pass when its messages have gone.
 
+#include <zyldb/platform/Logging.h>
 #include <zyldb/view/ODBView.h>
 
 #include <algorithm>
@@ -24,11 +37,11 @@
 #include <utility>
 #include <vector>
 
+#include "db/NotifyTypes_internal.h"
+#include "db/RowRuns_internal.h"
 #include "view/ODBView_internal.h"
 
 namespace {
-
-constexpr int kMinIndexCapacity = 20;
 
 // A Fenwick tree of counts over positions 0..n-1.
 class CountTree {
@@ -116,26 +129,50 @@ std::vector<int64_t> originalPoints(const std::vector<int64_t>& d, int64_t count
   return o;
 }
 
-// Raises a view's announcing depth for the lifetime of the object; when the
-// outermost announcement ends, the views stacked on it that queued messages
-// catch up.
-class Announcement {
+// Raises a view's announcing depth for the lifetime of the object.
+class Busy {
  public:
-  Announcement(int32_t& depth, bool& closing) : depth_(depth), closing_(closing) { ++depth_; }
-  ~Announcement() {
-    closing_ = false;
-    --depth_;
-  }
-  Announcement(const Announcement&) = delete;
-  Announcement& operator=(const Announcement&) = delete;
+  explicit Busy(int32_t& depth) : depth_(depth) { ++depth_; }
+  ~Busy() { --depth_; }
+  Busy(const Busy&) = delete;
+  Busy& operator=(const Busy&) = delete;
 
  private:
   int32_t& depth_;
-  bool& closing_;
 };
 
-void issueText(ODBViewRep& v, const GrowString& text, int type) {
-  v.issueNotification(NotifyMsg(text.str(), nullptr), type);
+// Issues one message, holding the first exception a listener throws so that
+// the rest of the announcement still goes out.
+void issue(ODBViewRep& v, const NotifyMsg& msg, int type, std::exception_ptr& failure) {
+  try {
+    v.issueNotification(msg, type);
+  } catch (...) {
+    if (!failure) failure = std::current_exception();
+  }
+}
+
+void issueText(ODBViewRep& v, const GrowString& text, int type, std::exception_ptr& failure) {
+  issue(v, NotifyMsg(text.str(), nullptr), type, failure);
+}
+
+// The source row of an entry that has gone from the source but whose drop is
+// not announced yet: it names no record.
+constexpr uint32_t kGoneRow = UINT32_MAX;
+
+// Renumbers entries for the deleted source rows `points` (ascending, as
+// numbered before the deletion) and drops the entries naming one, in place.
+// Returns the new count. Never allocates.
+int32_t applyKnownPoints(ODBViewIndexEntry* idx, int32_t count, const uint32_t* points,
+                         size_t n) noexcept {
+  int32_t w = 0;
+  for (int32_t p = 0; p < count; ++p) {
+    ODBViewIndexEntry e = idx[p];
+    const uint32_t* at = std::lower_bound(points, points + n, e.row);
+    if (at != points + n && *at == e.row) continue;
+    e.row -= static_cast<uint32_t>(at - points);
+    idx[w++] = e;
+  }
+  return w;
 }
 
 }  // namespace
@@ -146,72 +183,96 @@ ODBViewInternal::CapacityTrace ODBViewInternal::traceShrink(int32_t capacity,
                                                             const std::vector<RemovalStep>& steps) {
   CapacityTrace trace;
   trace.keepBelow.assign(steps.size(), INT64_MAX);
-  int64_t cap = capacity;
+  int32_t cap = capacity;
   for (size_t t = 0; t < steps.size(); ++t) {
     const int64_t length = steps[t].length;
     const int64_t n = length - steps[t].n;
+    const int32_t fresh = ViewIndex::capacityFor(cap, n);
     if (n == 0) {
-      cap = 0;
       trace.keepBelow[t] = 0;
       trace.reallocated = true;
-      continue;
-    }
-    const int64_t want = std::max<int64_t>(n, kMinIndexCapacity);
-    int64_t fresh = cap;
-    if (want <= cap) {
-      if (cap > 2 * want) fresh = cap / 2;
-    } else {
-      fresh = std::min<int64_t>(std::max(2 * cap, want), INT_MAX);
-    }
-    if (fresh != cap) {
-      trace.keepBelow[t] = fresh < length ? want : length;
+    } else if (fresh != cap) {
+      trace.keepBelow[t] = fresh < length ? std::max<int64_t>(n, ViewIndex::kMinCapacity) : length;
       trace.reallocated = true;
-      cap = fresh;
     }
+    cap = fresh;
   }
   for (size_t t = steps.size(); t-- > 1;)
     trace.keepBelow[t - 1] = std::min(trace.keepBelow[t - 1], trace.keepBelow[t]);
-  trace.finalCapacity = static_cast<int32_t>(cap);
+  trace.finalCapacity = cap;
   return trace;
 }
 
 namespace {
 
-// Finishes a removal sequence whose survivors are already compacted into
-// v's first `newCount` slots: sets the capacity, and the slots past the
-// count to `tail`, tail[t] being what step t leaves in slot `tailSlot[t]`.
-template <class Index>
-void settleIndex(Index& idx, int32_t& capacity, int32_t& count, int32_t newCount,
-                 const ODBViewInternal::CapacityTrace& trace,
-                 const std::vector<ODBViewIndexEntry>& tail, const std::vector<int64_t>& tailSlot,
-                 const std::vector<size_t>& tailStep) {
-  const int32_t cap = trace.finalCapacity;
-  if (cap != capacity) {
-    ODBViewIndexEntry* fresh = nullptr;
-    if (cap > 0) {
-      fresh = new ODBViewIndexEntry[static_cast<size_t>(cap)]();
-      std::memcpy(fresh, idx, static_cast<size_t>(newCount) * sizeof(ODBViewIndexEntry));
-      for (size_t i = 0; i < tail.size(); ++i) {
-        const int64_t s = tailSlot[i];
-        if (s < cap && s < trace.keepBelow[tailStep[i]]) fresh[s] = tail[i];
-      }
-    }
-    delete[] idx;
-    idx = fresh;
-    capacity = cap;
-  } else {
-    for (size_t i = 0; i < tail.size(); ++i) idx[tailSlot[i]] = tail[i];
+// What a removal sequence leaves outside the live entries: the slots past
+// the count (tail[i] goes to slot tailSlot[i], unless a reallocation at or
+// after step tailStep[i] dropped it) and the final capacity, with the array
+// to move to when the capacity changes (allocated while preparing).
+struct Settlement {
+  ODBViewInternal::CapacityTrace trace;
+  std::vector<ODBViewIndexEntry> tail;
+  std::vector<int64_t> tailSlot;
+  std::vector<size_t> tailStep;
+  std::unique_ptr<ODBViewIndexEntry[]> fresh;
+
+  void prepare(int32_t capacity) {
+    if (trace.finalCapacity != capacity && trace.finalCapacity > 0)
+      fresh.reset(ViewIndex::allocate(trace.finalCapacity));
   }
-  count = newCount;
-}
+  // Finishes a sequence whose survivors are already compacted into the
+  // first `newCount` slots.
+  void commit(ViewIndex& idx, int32_t newCount) noexcept {
+    const int32_t cap = trace.finalCapacity;
+    if (cap != idx.capacity()) {
+      ODBViewIndexEntry* next = fresh.release();
+      if (next) {
+        std::memcpy(next, idx.data(), static_cast<size_t>(newCount) * sizeof(ODBViewIndexEntry));
+        for (size_t i = 0; i < tail.size(); ++i) {
+          const int64_t s = tailSlot[i];
+          if (s < cap && s < trace.keepBelow[tailStep[i]]) next[s] = tail[i];
+        }
+      }
+      idx.adopt(next, cap);
+    } else {
+      for (size_t i = 0; i < tail.size(); ++i) idx[tailSlot[i]] = tail[i];
+    }
+    idx.setCount(newCount);
+  }
+};
 
 }  // namespace
 
-void ODBViewInternal::applyDeletions(ODBViewRep& v, const std::vector<int32_t>& values,
-                                     const std::vector<uint32_t>& groupEnds) {
-  const size_t steps = values.size();
-  if (steps == 0) return;
+size_t ODBViewInternal::stackedCount(const ODBViewRep& v) noexcept {
+  size_t n = 0;
+  for (const ODBViewRep* c = v.firstStacked_; c; c = c->nextStacked_) ++n;
+  return n;
+}
 
+void ODBViewInternal::resetAfterLoss(ODBViewRep& v) noexcept {
+  v.index_.clear();
+  v.queuedRows_.clear();
+  v.queuedGroupEnds_.clear();
+  v.lost_ = false;
+  for (ODBViewRep* c = v.firstStacked_; c; c = c->nextStacked_) resetAfterLoss(*c);
+}
+
+void ODBViewInternal::queue(ODBViewRep& v, const int32_t* values, size_t n) noexcept {
+  try {
+    v.queuedRows_.insert(v.queuedRows_.end(), values, values + n);
+    v.queuedGroupEnds_.push_back(static_cast<uint32_t>(v.queuedRows_.size()));
+  } catch (...) {
+    v.lost_ = true;
+  }
+}
+
+std::exception_ptr ODBViewInternal::applyDeletions(ODBViewRep& v,
+                                                   const std::vector<int32_t>& values,
+                                                   const std::vector<uint32_t>& groupEnds) {
+  const size_t steps = values.size();
+  if (steps == 0) return nullptr;
+
+  // ---- Prepare: everything that allocates. ----
   // Step t handles number k of its message: it compares against value - k.
   std::vector<int64_t> d(steps);
   std::vector<uint32_t> groupStart(steps);
@@ -224,48 +285,42 @@ void ODBViewInternal::applyDeletions(ODBViewRep& v, const std::vector<int32_t>& 
       d[t] = static_cast<int64_t>(values[t]) - static_cast<int64_t>(t - start);
     }
   }
-  const int32_t count0 = v.count_;
+  const int32_t count0 = v.index_.count();
   const std::vector<int64_t> o = originalPoints(d, count0);
 
   // The points in increasing order, with the step that deletes each.
   std::vector<std::pair<int64_t, uint32_t>> points(steps);
   for (size_t t = 0; t < steps; ++t) points[t] = {o[t], static_cast<uint32_t>(t)};
   if (!std::is_sorted(points.begin(), points.end())) std::sort(points.begin(), points.end());
+  const int64_t lowest = points.front().first, highest = points.back().first;
+  // How many points lie below an entry's row, and whether one equals it.
+  auto locate = [&](int64_t r, bool& hit) -> size_t {
+    hit = false;
+    if (r < lowest) return 0;
+    if (r > highest) return steps;
+    const size_t below = static_cast<size_t>(
+        std::lower_bound(points.begin(), points.end(), std::make_pair(r, uint32_t{0})) -
+        points.begin());
+    hit = points[below].first == r;
+    return below;
+  };
 
-  // One pass: survivors renumbered and compacted to the front; the dropped
-  // entries recorded with their step and original position. Slots at or
-  // past the new count keep their old contents, which the tail needs.
+  // The dropped entries with their step and original position.
   struct Drop {
     uint32_t step;
     int32_t pos;
   };
   std::vector<Drop> drops;
-  ODBViewIndexEntry* idx = v.index_;
-  const int64_t lowest = points.front().first, highest = points.back().first;
-  int32_t w = 0;
+  ODBViewIndexEntry* idx = v.index_.data();
   for (int32_t p = 0; p < count0; ++p) {
-    ODBViewIndexEntry e = idx[p];
-    const int64_t r = static_cast<int32_t>(e.row);
-    // Most entries lie below or above every point: no search for those.
-    size_t below = steps;
-    if (r < lowest) {
-      below = 0;
-    } else if (r <= highest) {
-      below = static_cast<size_t>(
-          std::lower_bound(points.begin(), points.end(), std::make_pair(r, uint32_t{0})) -
-          points.begin());
-      if (points[below].first == r) {
-        drops.push_back({points[below].second, p});
-        continue;
-      }
-    }
-    e.row -= static_cast<uint32_t>(below);
-    idx[w++] = e;
+    bool hit;
+    const size_t below = locate(static_cast<int32_t>(idx[p].row), hit);
+    if (hit) drops.push_back({points[below].second, p});
   }
-  if (drops.empty()) return;
+  const size_t dropped = drops.size();
+  const int32_t newCount = count0 - static_cast<int32_t>(dropped);
 
   // The drops in the order the steps make them: by step, then position.
-  const size_t dropped = drops.size();
   std::vector<uint32_t> order(dropped);
   for (size_t i = 0; i < dropped; ++i) order[i] = static_cast<uint32_t>(i);
   const bool positionOrder = std::is_sorted(
@@ -296,11 +351,12 @@ void ODBViewInternal::applyDeletions(ODBViewRep& v, const std::vector<int32_t>& 
   // A drop leaves the last entry of the list of that moment in the slot
   // that falls out of the count: the highest original position not dropped
   // before it.
-  std::vector<ODBViewIndexEntry> tail(dropped);
-  std::vector<int64_t> tailSlot(dropped);
-  std::vector<size_t> tailStep(dropped);
-  std::vector<ODBViewInternal::RemovalStep> shrink(dropped);
+  Settlement settle;
+  settle.tail.resize(dropped);
+  settle.tailSlot.resize(dropped);
+  settle.tailStep.resize(dropped);
   {
+    std::vector<ODBViewInternal::RemovalStep> shrink(dropped);
     int64_t hi = count0 - 1;
     int64_t q = static_cast<int64_t>(dropped) - 1;
     for (size_t t = 0; t < dropped; ++t) {
@@ -313,57 +369,221 @@ void ODBViewInternal::applyDeletions(ODBViewRep& v, const std::vector<int32_t>& 
         }
         break;
       }
-      tail[t] = idx[hi];
-      tailSlot[t] = count0 - 1 - static_cast<int64_t>(t);
-      tailStep[t] = t;
+      settle.tail[t] = idx[hi];
+      settle.tailSlot[t] = count0 - 1 - static_cast<int64_t>(t);
+      settle.tailStep[t] = t;
       shrink[t] = {count0 - static_cast<int64_t>(t), 1};
     }
+    settle.trace = traceShrink(v.index_.capacity(), shrink);
   }
-  const CapacityTrace trace = traceShrink(v.capacity_, shrink);
-  settleIndex(v.index_, v.capacity_, v.count_, w, trace, tail, tailSlot, tailStep);
+  if (dropped > 0) settle.prepare(v.index_.capacity());
 
-  // The messages, message by message: each drop's position, then the
-  // closing list and "recordsChanged" for a message that cost rows.
-  Announcement announcing(v.announcing_, v.announcingClosing_);
-  const bool listeners = v.numListeners() > 0;
-  const int deletedType = recordsDeletedType();
-  size_t t = 0;
-  while (t < dropped) {
-    const uint32_t start = groupStart[drops[order[t]].step];
-    GrowString closing;
-    GrowString one;
-    for (; t < dropped && groupStart[drops[order[t]].step] == start; ++t) {
-      const int64_t k = drops[order[t]].step - start;
-      if (listeners) {
-        one.clear();
-        one << static_cast<long long>(at[t]) << ' ';
-        issueText(v, one, deletedType);
-      }
-      closing << static_cast<long long>(k + at[t] - 1) << ' ';
+  // What the stacked views will apply: one message per drop.
+  const size_t listeners = v.numListeners();
+  const bool host = listeners > stackedCount(v);
+  std::vector<int32_t> announced(dropped);
+  std::vector<uint32_t> announcedEnds(dropped);
+  for (size_t t = 0; t < dropped; ++t) {
+    announced[t] = static_cast<int32_t>(at[t]);
+    announcedEnds[t] = static_cast<uint32_t>(t + 1);
+  }
+  v.deferredStacked_.reserve(listeners);
+
+  // ---- Commit: renumber, and drop now unless the host watches each drop.
+  int32_t w = 0;
+  for (int32_t p = 0; p < count0; ++p) {
+    ODBViewIndexEntry e = idx[p];
+    bool hit;
+    const size_t below = locate(static_cast<int32_t>(e.row), hit);
+    if (hit) {
+      if (!host) continue;
+      e.row = kGoneRow;
+    } else {
+      e.row -= static_cast<uint32_t>(below);
     }
-    v.announcingClosing_ = true;
-    issueText(v, closing, deletedType);
-    v.announcingClosing_ = false;
-    v.issueNotification(NotifyMsg(), recordsChangedType());
+    idx[w++] = e;
+  }
+  if (dropped == 0) return nullptr;
+  if (!host) settle.commit(v.index_, newCount);
+
+  // ---- Announce, message by message: each drop's position, then the
+  // closing list and "recordsChanged" for a message that cost rows.
+  std::exception_ptr failure;
+  {
+    Busy busy(v.announcing_);
+    v.announcedRows_.swap(announced);
+    v.announcedEnds_.swap(announcedEnds);
+    const int deletedType = recordsDeletedType();
+    size_t t = 0;
+    while (t < dropped) {
+      const uint32_t start = groupStart[drops[order[t]].step];
+      GrowString closing;
+      GrowString one;
+      for (; t < dropped && groupStart[drops[order[t]].step] == start; ++t) {
+        const int64_t k = drops[order[t]].step - start;
+        if (host) {
+          const int32_t n = v.index_.count();
+          std::memmove(idx + at[t], idx + at[t] + 1,
+                       static_cast<size_t>(n - 1 - at[t]) * sizeof(ODBViewIndexEntry));
+          v.index_.setCount(n - 1);
+        }
+        if (listeners > 0) {
+          try {
+            one.clear();
+            one << static_cast<long long>(at[t]) << ' ';
+            closing << static_cast<long long>(k + at[t] - 1) << ' ';
+          } catch (...) {
+            if (!failure) failure = std::current_exception();
+          }
+          issueText(v, one, deletedType, failure);
+        }
+      }
+      if (listeners > 0) {
+        v.announcingClosing_ = true;
+        issueText(v, closing, deletedType, failure);
+        v.announcingClosing_ = false;
+        issue(v, NotifyMsg(), recordsChangedType(), failure);
+      }
+    }
+    if (host) settle.commit(v.index_, newCount);
+    // The stacked views catch up, one at a time from the front: one brought
+    // up to date may cause another to leave the list.
+    while (!v.deferredStacked_.empty()) {
+      ODBViewRep* c = v.deferredStacked_.front();
+      v.deferredStacked_.erase(v.deferredStacked_.begin());
+      baseAnnouncementEnded(*c);
+    }
+    v.announcedRows_.clear();
+    v.announcedEnds_.clear();
+  }
+  return failure;
+}
+
+void ODBViewInternal::applyDeletionsSafe(ODBViewRep& v, std::vector<int32_t>& values,
+                                         const std::vector<uint32_t>& groupEnds,
+                                         const std::vector<uint32_t>* known) noexcept {
+  try {
+    applyDeletions(v, values, groupEnds);
+    return;
+  } catch (...) {
+  }
+  // Out of memory before anything changed. The deleted points are known
+  // when the caller has them, or when the numbers are one strictly
+  // ascending message (each then names its row as numbered before any of
+  // them, as tables and views send them).
+  bool ascending = groupEnds.size() == 1 && !values.empty() && values[0] >= 0;
+  for (size_t k = 1; ascending && k < values.size(); ++k) ascending = values[k] > values[k - 1];
+  if (known) {
+    v.index_.setCount(
+        applyKnownPoints(v.index_.data(), v.index_.count(), known->data(), known->size()));
+  } else if (ascending) {
+    v.index_.setCount(applyKnownPoints(v.index_.data(), v.index_.count(),
+                                       reinterpret_cast<const uint32_t*>(values.data()),
+                                       values.size()));
+  } else {
+    v.index_.clear();
+  }
+  for (ODBViewRep* c = v.firstStacked_; c; c = c->nextStacked_) resetAfterLoss(*c);
+}
+
+void ODBViewInternal::processQueued(ODBViewRep& v) noexcept {
+  while (v.announcing_ == 0 && !v.joinedTable_ && !v.joinedBase_ &&
+         (!v.queuedGroupEnds_.empty() || v.lost_)) {
+    if (v.lost_) {
+      resetAfterLoss(v);
+      return;
+    }
+    std::vector<int32_t> values = std::move(v.queuedRows_);
+    std::vector<uint32_t> ends = std::move(v.queuedGroupEnds_);
+    v.queuedRows_.clear();
+    v.queuedGroupEnds_.clear();
+    applyDeletionsSafe(v, values, ends, nullptr);
   }
 }
 
+void ODBViewInternal::tableDeletionEnded(void* view, const RowDeletion& deletion) noexcept {
+  ODBViewRep& v = *static_cast<ODBViewRep*>(view);
+  v.joinedTable_ = false;
+  if (v.announcing_ > 0) {
+    // A listener of this view deleted through the table: after the
+    // announcement under way.
+    const std::vector<int32_t>& values = deletion.values();
+    size_t begin = 0;
+    for (uint32_t end : deletion.groupEnds()) {
+      queue(v, values.data() + begin, end - begin);
+      begin = end;
+    }
+    return;
+  }
+  // The deletion's numbers go first; what was queued meanwhile came after.
+  std::vector<int32_t> later = std::move(v.queuedRows_);
+  std::vector<uint32_t> laterEnds = std::move(v.queuedGroupEnds_);
+  v.queuedRows_.clear();
+  v.queuedGroupEnds_.clear();
+  try {
+    std::vector<int32_t> values = deletion.values();
+    applyDeletionsSafe(v, values, deletion.groupEnds(), &deletion.deleted());
+  } catch (...) {
+    // Not even a copy of the numbers: the deleted rows are known.
+    v.index_.setCount(applyKnownPoints(v.index_.data(), v.index_.count(), deletion.deleted().data(),
+                                       deletion.deleted().size()));
+    for (ODBViewRep* c = v.firstStacked_; c; c = c->nextStacked_) resetAfterLoss(*c);
+  }
+  if (!later.empty()) {
+    v.queuedRows_ = std::move(later);
+    v.queuedGroupEnds_ = std::move(laterEnds);
+  }
+  processQueued(v);
+}
+
+void ODBViewInternal::baseAnnouncementEnded(ODBViewRep& v) noexcept {
+  v.joinedBase_ = false;
+  const ODBViewRep* base = v.baseView_;
+  if (!base) return;
+  const std::vector<int32_t>& values = base->announcedRows_;
+  const std::vector<uint32_t>& ends = base->announcedEnds_;
+  if (v.announcing_ > 0 || !v.queuedGroupEnds_.empty()) {
+    size_t begin = 0;
+    for (uint32_t end : ends) {
+      queue(v, values.data() + begin, end - begin);
+      begin = end;
+    }
+    processQueued(v);
+    return;
+  }
+  try {
+    std::vector<int32_t> copy = values;
+    applyDeletionsSafe(v, copy, ends, nullptr);
+  } catch (...) {
+    resetAfterLoss(v);
+  }
+  processQueued(v);
+}
+
 int ODBViewInternal::removeRuns(ODBViewRep& v, bool (ODBViewRep::*pred)(int)) {
-  const int32_t count0 = v.count_;
+  const int32_t count0 = v.index_.count();
   // The runs in original positions; the predicate looks only at the row's
   // own entry, so evaluating it before any removal gives the same runs.
   std::vector<std::pair<int32_t, int32_t>> runs;
-  int32_t start = -1;
-  for (int32_t p = 0; p < count0; ++p) {
-    if ((v.*pred)(p)) {
-      if (start < 0) start = p;
-    } else if (start >= 0) {
-      runs.push_back({start, p - start});
-      start = -1;
-    }
-  }
-  if (start >= 0) runs.push_back({start, count0 - start});
+  scanRuns([count0] { return int64_t{count0}; },
+           [&](int64_t p) { return (v.*pred)(static_cast<int>(p)); },
+           [&](int64_t start, int64_t n) -> int64_t {
+             runs.push_back({static_cast<int32_t>(start), static_cast<int32_t>(n)});
+             return 0;
+           });
   if (runs.empty()) return 0;
+  const size_t listeners = v.numListeners();
+  if (listeners > stackedCount(v)) {
+    // The host watches: the literal steps, each run's message with the view
+    // as it stands then (and a deletion the host makes meanwhile applied
+    // before the next run is looked for).
+    return static_cast<int>(scanRuns([&v] { return int64_t{v.index_.count()}; },
+                                     [&](int64_t p) { return (v.*pred)(static_cast<int>(p)); },
+                                     [&](int64_t start, int64_t n) -> int64_t {
+                                       v.remove(static_cast<int>(start), static_cast<int>(n));
+                                       return n;
+                                     }));
+  }
 
   std::vector<RemovalStep> shrink(runs.size());
   int64_t removed = 0;
@@ -378,9 +598,37 @@ int ODBViewInternal::removeRuns(ODBViewRep& v, bool (ODBViewRep::*pred)(int)) {
   // are always the original last n entries.
   int64_t longest = 0;
   for (const auto& r : runs) longest = std::max<int64_t>(longest, r.second);
-  ODBViewIndexEntry* idx = v.index_;
-  const std::vector<ODBViewIndexEntry> top(idx + count0 - longest, idx + count0);
+  ODBViewIndexEntry* idx = v.index_.data();
+  Settlement settle;
+  settle.tail.reserve(static_cast<size_t>(removed));
+  settle.tailSlot.reserve(static_cast<size_t>(removed));
+  settle.tailStep.reserve(static_cast<size_t>(removed));
+  for (size_t i = 0; i < runs.size(); ++i) {
+    const int64_t length = shrink[i].length;
+    const int64_t n = shrink[i].n;
+    for (int64_t s = length - n; s < length; ++s) {
+      settle.tail.push_back(idx[count0 - longest + longest - n + (s - (length - n))]);
+      settle.tailSlot.push_back(s);
+      settle.tailStep.push_back(i);
+    }
+  }
+  settle.trace = traceShrink(v.index_.capacity(), shrink);
+  settle.prepare(v.index_.capacity());
+  std::vector<int32_t> announced(static_cast<size_t>(removed));
+  std::vector<uint32_t> announcedEnds(runs.size());
+  {
+    int64_t before = 0;
+    size_t j = 0;
+    for (size_t i = 0; i < runs.size(); ++i) {
+      const int64_t at = runs[i].first - before;
+      for (int64_t p = at; p < at + runs[i].second; ++p) announced[j++] = static_cast<int32_t>(p);
+      announcedEnds[i] = static_cast<uint32_t>(j);
+      before += runs[i].second;
+    }
+  }
+  v.deferredStacked_.reserve(listeners);
 
+  // Commit.
   int32_t w = 0;
   {
     size_t r = 0;
@@ -390,128 +638,191 @@ int ODBViewInternal::removeRuns(ODBViewRep& v, bool (ODBViewRep::*pred)(int)) {
       idx[w++] = idx[p];
     }
   }
+  settle.commit(v.index_, newCount);
 
-  std::vector<ODBViewIndexEntry> tail;
-  std::vector<int64_t> tailSlot;
-  std::vector<size_t> tailStep;
-  tail.reserve(static_cast<size_t>(removed));
-  tailSlot.reserve(static_cast<size_t>(removed));
-  tailStep.reserve(static_cast<size_t>(removed));
-  for (size_t i = 0; i < runs.size(); ++i) {
-    const int64_t length = shrink[i].length;
-    const int64_t n = shrink[i].n;
-    for (int64_t s = length - n; s < length; ++s) {
-      tail.push_back(top[static_cast<size_t>(longest - n + (s - (length - n)))]);
-      tailSlot.push_back(s);
-      tailStep.push_back(i);
+  if (listeners > 0) {
+    std::exception_ptr failure;
+    {
+      Busy busy(v.announcing_);
+      v.announcedRows_.swap(announced);
+      v.announcedEnds_.swap(announcedEnds);
+      const int deletedType = recordsDeletedType();
+      GrowString text;
+      size_t begin = 0;
+      for (uint32_t end : v.announcedEnds_) {
+        text.clear();
+        for (size_t j = begin; j < end; ++j)
+          text << static_cast<long long>(v.announcedRows_[j]) << ' ';
+        issueText(v, text, deletedType, failure);
+        begin = end;
+      }
+      while (!v.deferredStacked_.empty()) {
+        ODBViewRep* c = v.deferredStacked_.front();
+        v.deferredStacked_.erase(v.deferredStacked_.begin());
+        baseAnnouncementEnded(*c);
+      }
+      v.announcedRows_.clear();
+      v.announcedEnds_.clear();
     }
+    processQueued(v);
+    if (failure) std::rethrow_exception(failure);
   }
-  const CapacityTrace trace = traceShrink(v.capacity_, shrink);
-  settleIndex(v.index_, v.capacity_, v.count_, newCount, trace, tail, tailSlot, tailStep);
-
-  if (v.numListeners() > 0) {
-    Announcement announcing(v.announcing_, v.announcingClosing_);
-    const int deletedType = recordsDeletedType();
-    int64_t before = 0;
-    GrowString text;
-    for (const auto& r : runs) {
-      text.clear();
-      const int64_t at = r.first - before;
-      for (int64_t j = at; j < at + r.second; ++j) text << static_cast<long long>(j) << ' ';
-      issueText(v, text, deletedType);
-      before += r.second;
-    }
-  }
-  if (v.announcing_ == 0) v.flushDeferredStacked();
   return static_cast<int>(removed);
 }
 
 void ODBViewInternal::insertEach(ODBViewRep& v, const std::vector<uint32_t>& rows, int at) {
-  if (rows.empty()) return;
-  if (at < 0 || at >= v.count_) {
+  if (rows.empty() || v.refuseWhileAnnouncing("insert")) return;
+  if (at < 0 || at >= v.index_.count()) {
     // Before the front each goes in at 0 until the positions turn
     // non-negative; at the end each is an append. Both are cheap one by one.
     for (uint32_t row : rows) v.displayRecordsAt(static_cast<int>(row), 1, at++);
     return;
   }
   const int64_t k = static_cast<int64_t>(rows.size());
-  const int32_t count0 = v.count_;
+  const int32_t count0 = v.index_.count();
   if (k > INT_MAX - count0) return;
   // In the middle, each insertion opens the slot of the entry first found at
   // `at`, which moves up ahead of the new ones: every new entry takes that
   // entry's tag. The capacity follows one sizeIndexFor per insertion; a
   // reallocation keeps the live entries and clears the slots past them.
-  int64_t cap = v.capacity_;
-  for (int64_t c = count0; c < count0 + k; ++c) {
-    const int64_t want = std::max<int64_t>(c + 1, kMinIndexCapacity);
-    if (want <= cap) {
-      if (cap > 2 * want) cap /= 2;
-    } else {
-      cap = std::min<int64_t>(std::max(2 * cap, want), INT_MAX);
-    }
-  }
+  int32_t cap = v.index_.capacity();
+  for (int64_t c = count0; c < count0 + k; ++c) cap = ViewIndex::capacityFor(cap, c + 1);
   const uint8_t tag = v.index_[at].tag;
-  ODBViewIndexEntry* idx = v.index_;
+  ODBViewIndexEntry* idx = v.index_.data();
   const size_t moved = static_cast<size_t>(count0 - at);
-  if (cap != v.capacity_) {
-    ODBViewIndexEntry* fresh = new ODBViewIndexEntry[static_cast<size_t>(cap)]();
+  if (cap != v.index_.capacity()) {
+    ODBViewIndexEntry* fresh = ViewIndex::allocate(cap);
     std::memcpy(fresh, idx, static_cast<size_t>(at) * sizeof(*idx));
     std::memcpy(fresh + at + k, idx + at, moved * sizeof(*idx));
-    delete[] idx;
-    v.index_ = idx = fresh;
-    v.capacity_ = static_cast<int32_t>(cap);
+    v.index_.adopt(fresh, cap);
+    idx = fresh;
   } else {
     std::memmove(idx + at + k, idx + at, moved * sizeof(*idx));
   }
   for (int64_t i = 0; i < k; ++i) idx[at + i] = {rows[static_cast<size_t>(i)], tag};
-  v.count_ = count0 + static_cast<int32_t>(k);
+  v.index_.setCount(count0 + static_cast<int32_t>(k));
 }
 
-void ODBViewInternal::processQueued(ODBViewRep& v) {
-  if (v.queuedGroupEnds_.empty()) return;
-  std::vector<int32_t> values = std::move(v.queuedRows_);
-  std::vector<uint32_t> ends = std::move(v.queuedGroupEnds_);
-  v.queuedRows_.clear();
-  v.queuedGroupEnds_.clear();
-  applyDeletions(v, values, ends);
-  if (v.announcing_ == 0) v.flushDeferredStacked();
+bool ODBViewInternal::deleteThroughTable(ODBViewRep& v,
+                                         const std::vector<std::pair<int64_t, int64_t>>& runs) {
+  zyldb* table = v.table_;
+  if (v.baseView_ || !table || runs.empty() || !RowDeletion::canBatch(*table)) return false;
+  const int32_t count0 = v.index_.count();
+  const ODBViewIndexEntry* idx = v.index_.data();
+  // Every entry must name its own row of the table, so that deleting a row
+  // removes exactly one entry and nothing else moves.
+  const uint32_t tableRows = table->get_num_records();
+  {
+    std::vector<bool> seen(tableRows);
+    for (int32_t p = 0; p < count0; ++p) {
+      const uint32_t r = idx[p].row;
+      if (r >= tableRows || seen[r]) return false;
+      seen[r] = true;
+    }
+  }
+  // The rows that will go, sorted, so that a row's number of the moment is
+  // its first number less the rows already gone below it.
+  std::vector<uint32_t> doomed;
+  for (const auto& run : runs) {
+    const int64_t end = std::min<int64_t>(run.first + run.second, count0);
+    for (int64_t p = run.first; p < end; ++p) doomed.push_back(idx[p].row);
+  }
+  std::sort(doomed.begin(), doomed.end());
+  std::vector<int32_t> gone(doomed.size() + 1, 0);  // Fenwick tree over `doomed`
+  auto slot = [&](uint32_t row) {
+    return static_cast<size_t>(std::lower_bound(doomed.begin(), doomed.end(), row) -
+                               doomed.begin());
+  };
+  auto now = [&](uint32_t row) {
+    int64_t below = 0;
+    for (size_t j = slot(row); j > 0; j -= j & (~j + 1)) below += gone[j];
+    return static_cast<int64_t>(row) - below;
+  };
+  auto markGone = [&](uint32_t row) {
+    for (size_t j = slot(row) + 1; j < gone.size(); j += j & (~j + 1)) ++gone[j];
+  };
+
+  // The calls deleteRecords would make, run by run: from position `at` of
+  // the moment, a run of entries naming consecutive rows of the moment (one
+  // row only when m - 1 <= at), while rows remain.
+  std::vector<uint32_t> rows;
+  std::vector<uint32_t> ends;
+  rows.reserve(doomed.size());
+  int64_t removed = 0;
+  for (const auto& run : runs) {
+    const int64_t at = run.first - removed;
+    int64_t n = run.second;
+    int64_t next = run.first;  // original position of the entry now at `at`
+    for (;;) {
+      const int64_t m = std::min<int64_t>(n, count0 - removed - at);
+      if (m < 1) break;
+      int64_t len = 1;
+      if (m - 1 > at) {
+        const int64_t first = now(idx[next].row);
+        while (len < m - at && now(idx[next + len].row) == first + len) ++len;
+      }
+      for (int64_t j = 0; j < len; ++j) {
+        rows.push_back(idx[next + j].row);
+        markGone(idx[next + j].row);
+      }
+      ends.push_back(static_cast<uint32_t>(rows.size()));
+      removed += len;
+      next += len;
+      n = m - len;
+      if (n < 1) break;
+    }
+  }
+  RowDeletion::run(*table, rows, ends);
+  return true;
 }
 
 }  // namespace zyl
 
 // ---- Editing ------------------------------------------------------------------
 
+bool ODBViewRep::refuseWhileAnnouncing(const char* what) const {
+  if (announcing_ == 0 && !joinedTable_ && !joinedBase_ && queuedGroupEnds_.empty()) return false;
+  vorn_printf("Warning: ODBView::%s refused: the view is delivering a deletion.\n", what);
+  return true;
+}
+
 void ODBViewRep::insertBlankRecords(int at, int n) {
   ODBBase* src = source();
-  if (!src || n < 0 || n > INT_MAX - count_) return;
+  if (!src || n < 0 || n > INT_MAX - index_.count()) return;
+  if (refuseWhileAnnouncing("insertBlankRecords")) return;
   int pos;
   uint32_t first;
   const int inside = std::max(at, 0);
-  if (count_ > at && count_ > inside) {
+  if (index_.count() > at && index_.count() > inside) {
     pos = inside;
     first = index_[pos].row;
     src->insert_records(first, static_cast<unsigned int>(n));
   } else {
-    pos = count_;
+    pos = index_.count();
     first = src->get_num_records();
     src->add_records(n);
   }
-  sizeIndexFor(count_ + n);
+  sizeIndexFor(index_.count() + n);
   // The view is taken to be in source order: the entries from `pos` on name
   // the source rows that moved up; those before it are left alone.
-  for (int j = count_ - 1; j >= pos; --j) {
+  for (int j = index_.count() - 1; j >= pos; --j) {
     index_[j + n].row = index_[j].row + static_cast<uint32_t>(n);
     index_[j + n].tag = index_[j].tag;
   }
   for (int i = 0; i < n; ++i) index_[pos + i].row = first + static_cast<uint32_t>(i);
-  count_ += n;
+  index_.setCount(index_.count() + n);
 }
 
 void ODBViewRep::deleteRecords(int at, int n) {
   if (at < 0) return;
+  // Deleting through a view whose rows are not up to date would delete the
+  // wrong records.
+  if (refuseWhileAnnouncing("deleteRecords")) return;
+  if (n >= 2 && at < index_.count() && zyl::ODBViewInternal::deleteThroughTable(*this, {{at, n}}))
+    return;
   for (;;) {
     ODBBase* src = source();
-    const int64_t m = std::min<int64_t>(n, static_cast<int64_t>(count_) - at);
+    const int64_t m = std::min<int64_t>(n, static_cast<int64_t>(index_.count()) - at);
     if (!src || m < 1) return;
     // A run of consecutive source rows goes in one call. The bound is
     // measured from `at`, which only splits a deletion into more calls.
@@ -526,64 +837,90 @@ void ODBViewRep::deleteRecords(int at, int n) {
   }
 }
 
-namespace {
-
-// Scans rows upward and calls drop(start, n) for every run of rows for which
-// inRun(row) holds; `count` is read again at every step, since a drop shrinks
-// the view. After a drop the scan goes on at start + 1: the row that ended the
-// run now stands at `start`. Returns the number of rows dropped.
-template <class Count, class InRun, class Drop>
-int dropRuns(Count count, InRun inRun, Drop drop) {
-  int total = 0;
-  int start = -1;
-  for (int row = 0; row < count(); ++row) {
-    if (inRun(row)) {
-      if (start < 0) start = row;
-    } else if (start >= 0) {
-      drop(start, row - start);
-      total += row - start;
-      row = start;
-      start = -1;
-    }
-  }
-  if (start >= 0) {
-    const int n = count() - start;
-    drop(start, n);
-    total += n;
-  }
-  return total;
-}
-
-}  // namespace
-
 int ODBViewRep::deleteTagged() {
-  if (count_ == 0) return 0;
-  return dropRuns([this] { return count_; }, [this](int row) { return index_[row].tag != 0; },
-                  [this](int at, int n) { deleteRecords(at, n); });
+  if (index_.count() == 0) return 0;
+  if (refuseWhileAnnouncing("deleteTagged")) return 0;
+  auto tagged = [this](int64_t row) { return index_[row].tag != 0; };
+  if (!baseView_ && table_) {
+    std::vector<std::pair<int64_t, int64_t>> runs;
+    const int64_t total = zyl::scanRuns([this] { return int64_t{index_.count()}; }, tagged,
+                                        [&](int64_t start, int64_t n) -> int64_t {
+                                          runs.push_back({start, n});
+                                          return 0;
+                                        });
+    if (runs.empty()) return 0;
+    if (zyl::ODBViewInternal::deleteThroughTable(*this, runs)) return static_cast<int>(total);
+  }
+  return static_cast<int>(zyl::scanRuns([this] { return int64_t{index_.count()}; }, tagged,
+                                        [this](int64_t start, int64_t n) -> int64_t {
+                                          deleteRecords(static_cast<int>(start),
+                                                        static_cast<int>(n));
+                                          return n;
+                                        }));
 }
 
 void ODBViewRep::remove(int at, int n) {
-  if (at < 0 || at >= count_ || n < 0) return;
-  if (static_cast<int64_t>(at) + n > count_) {
-    n = count_ - at;
-  } else {
-    std::memmove(index_ + at, index_ + at + n,
-                 static_cast<size_t>(count_ - at - n) * sizeof(*index_));
+  if (at < 0 || at >= index_.count() || n < 0) return;
+  if (announcing_ > 0) {
+    refuseWhileAnnouncing("remove");
+    return;
   }
-  sizeIndexFor(count_ - n);
-  count_ -= n;
-  // The list is for the views stacked on this one; with nobody listening
-  // there is nothing to build.
-  if (numListeners() == 0) return;
+  const int32_t count0 = index_.count();
+  n = static_cast<int>(std::min<int64_t>(n, count0 - at));
+  const int32_t newCount = count0 - n;
+  // Prepare: the new array when the capacity changes, and the list for the
+  // stacked views.
+  const int32_t cap = zyl::ViewIndex::capacityFor(index_.capacity(), newCount);
+  std::unique_ptr<ODBViewIndexEntry[]> fresh;
+  if (cap != index_.capacity()) fresh.reset(zyl::ViewIndex::allocate(cap));
+  const size_t listeners = numListeners();
+  std::vector<int32_t> announced;
+  std::vector<uint32_t> announcedEnds;
+  if (listeners > 0) {
+    announced.resize(static_cast<size_t>(n));
+    for (int j = 0; j < n; ++j) announced[static_cast<size_t>(j)] = at + j;
+    announcedEnds.assign(1, static_cast<uint32_t>(n));
+    deferredStacked_.reserve(listeners);
+  }
   GrowString text;
-  for (int j = at; j < at + n; ++j) text << static_cast<long long>(j) << ' ';
-  issueText(*this, text, zyl::ODBViewInternal::recordsDeletedType());
+  for (int j = at; listeners > 0 && j < at + n; ++j) text << static_cast<long long>(j) << ' ';
+
+  // Commit.
+  ODBViewIndexEntry* idx = index_.data();
+  std::memmove(idx + at, idx + at + n, static_cast<size_t>(count0 - at - n) * sizeof(*idx));
+  if (cap != index_.capacity()) {
+    ODBViewIndexEntry* next = fresh.release();
+    const int64_t keep =
+        std::min<int64_t>(zyl::ViewIndex::keptByResize(count0, cap, newCount), cap);
+    if (next && keep > 0) std::memcpy(next, idx, static_cast<size_t>(keep) * sizeof(*idx));
+    index_.adopt(next, cap);
+  }
+  index_.setCount(newCount);
+  // The list is for the views stacked on this one (and the host); with
+  // nobody listening there is nothing to send.
+  if (listeners == 0) return;
+  std::exception_ptr failure;
+  {
+    Busy busy(announcing_);
+    announcedRows_.swap(announced);
+    announcedEnds_.swap(announcedEnds);
+    issueText(*this, text, zyl::recordsDeletedType(), failure);
+    while (!deferredStacked_.empty()) {
+      ODBViewRep* c = deferredStacked_.front();
+      deferredStacked_.erase(deferredStacked_.begin());
+      zyl::ODBViewInternal::baseAnnouncementEnded(*c);
+    }
+    announcedRows_.clear();
+    announcedEnds_.clear();
+  }
+  zyl::ODBViewInternal::processQueued(*this);
+  if (failure) std::rethrow_exception(failure);
 }
 
 void ODBViewRep::removeRecordsFromBaseView(int at, int n) {
   if (at < 0) return;
   for (;;) {
-    const int64_t m = std::min<int64_t>(static_cast<int64_t>(count_) - at, n);
+    const int64_t m = std::min<int64_t>(static_cast<int64_t>(index_.count()) - at, n);
     if (!baseView_) {
       if (table_ && m >= 1) remove(at, static_cast<int>(m));
       return;
@@ -601,10 +938,16 @@ void ODBViewRep::removeRecordsFromBaseView(int at, int n) {
 }
 
 int ODBViewRep::removeSome(bool (ODBViewRep::*pred)(int)) {
-  if (count_ == 0 || !pred) return 0;
+  if (index_.count() == 0 || !pred) return 0;
+  if (refuseWhileAnnouncing("removeSome")) return 0;
   if (!baseView_ && table_) return zyl::ODBViewInternal::removeRuns(*this, pred);
-  return dropRuns([this] { return count_; }, [this, pred](int row) { return (this->*pred)(row); },
-                  [this](int at, int n) { removeRecordsFromBaseView(at, n); });
+  return static_cast<int>(
+      zyl::scanRuns([this] { return int64_t{index_.count()}; },
+                    [this, pred](int64_t row) { return (this->*pred)(static_cast<int>(row)); },
+                    [this](int64_t at, int64_t n) -> int64_t {
+                      removeRecordsFromBaseView(static_cast<int>(at), static_cast<int>(n));
+                      return n;
+                    }));
 }
 
 int ODBViewRep::removeTagged() { return removeSome(&ODBViewRep::tag); }
@@ -612,13 +955,27 @@ int ODBViewRep::removeTagged() { return removeSome(&ODBViewRep::tag); }
 int ODBViewRep::removeNonTagged() { return removeSome(&ODBViewRep::notTagged); }
 
 int ODBViewRep::recordsDeletedNotify(const NotifyMsg& msg) {
-  // Messages queued earlier come first.
-  zyl::ODBViewInternal::processQueued(*this);
   std::vector<int32_t> values;
-  for (NotifyMsgTokenIterator it(msg); !it.atEnd(); ++it)
-    values.push_back(static_cast<int32_t>(it.asLong()));
+  try {
+    for (NotifyMsgTokenIterator it(msg); !it.atEnd(); ++it)
+      values.push_back(static_cast<int32_t>(it.asLong()));
+  } catch (...) {
+    lost_ = true;
+  }
+  if (lost_ || announcing_ > 0 || joinedTable_ || joinedBase_ || !queuedGroupEnds_.empty()) {
+    // Busy: after what is under way (or waiting).
+    if (!lost_) zyl::ODBViewInternal::queue(*this, values.data(), values.size());
+    zyl::ODBViewInternal::processQueued(*this);
+    return 0;
+  }
   const std::vector<uint32_t> ends{static_cast<uint32_t>(values.size())};
-  zyl::ODBViewInternal::applyDeletions(*this, values, ends);
-  if (announcing_ == 0) flushDeferredStacked();
+  std::exception_ptr failure;
+  try {
+    failure = zyl::ODBViewInternal::applyDeletions(*this, values, ends);
+  } catch (...) {
+    zyl::ODBViewInternal::applyDeletionsSafe(*this, values, ends, nullptr);
+  }
+  zyl::ODBViewInternal::processQueued(*this);
+  if (failure) std::rethrow_exception(failure);
   return 0;
 }

@@ -51,13 +51,13 @@ bool savable(const LightweightString<wchar_t>& name, const AssocList& params, zy
 
 int ODBViewRep::saveAsText(LightweightString<wchar_t> name, bool headerOnly) {
   if (!source() || !table_ || name.empty()) return 0;
-  if (!savable(name, params_, table_, *this, headerOnly ? 0 : count_)) return 0;
+  if (!savable(name, params_, table_, *this, headerOnly ? 0 : index_.count())) return 0;
   TextFile f;
   writeHeader(params_, table_, f);
   int written = 0;
-  if (!headerOnly && count_ > 0) {
+  if (!headerOnly && index_.count() > 0) {
     const int tagField = get_fieldnum("Tag");
-    for (int i = 0; i < count_; ++i) {
+    for (int i = 0; i < index_.count(); ++i) {
       const dbrecord* record = (*this)[i];
       if (!record) continue;
       // The view's tag goes into the written copy only; the table's record
@@ -80,11 +80,11 @@ int ODBViewRep::saveAsText(const char* name, bool headerOnly) {
 
 int ODBViewRep::saveOnlyTagged(LightweightString<wchar_t> name) {
   if (!source() || !table_ || name.empty()) return 0;
-  if (!savable(name, params_, table_, *this, count_)) return 0;
+  if (!savable(name, params_, table_, *this, index_.count())) return 0;
   TextFile f;
   writeHeader(params_, table_, f);
   int examined = 0;
-  for (; examined < count_; ++examined) {
+  for (; examined < index_.count(); ++examined) {
     dbrecord* record = (*this)[examined];
     if (record && record->getTag() && record->write(f) == 0) break;
   }

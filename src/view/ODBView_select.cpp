@@ -23,15 +23,17 @@ unsigned int rowLimit(unsigned int n) { return std::min<unsigned int>(n, INT_MAX
 }  // namespace
 
 int ODBViewRep::displayRecordsAt(int first, int n, int at) {
-  if (!source() || n <= 0 || n > INT_MAX - count_) return 0;
-  at = clampPosition(at, count_);
-  sizeIndexFor(count_ + n);
+  if (!source() || n <= 0 || n > INT_MAX - index_.count()) return 0;
+  if (refuseWhileAnnouncing("displayRecordsAt")) return 0;
+  at = clampPosition(at, index_.count());
+  sizeIndexFor(index_.count() + n);
   // Only the rows are written: each new entry keeps the tag its slot held
   // (that of the entry moved away from it, or 0 in fresh storage).
-  std::memmove(index_ + at + n, index_ + at, static_cast<size_t>(count_ - at) * sizeof(*index_));
+  std::memmove(index_.data() + at + n, index_.data() + at,
+               static_cast<size_t>(index_.count() - at) * sizeof(ODBViewIndexEntry));
   for (int i = 0; i < n; ++i)
     index_[at + i].row = static_cast<uint32_t>(first) + static_cast<uint32_t>(i);
-  count_ += n;
+  index_.setCount(index_.count() + n);
   return n;
 }
 
@@ -69,32 +71,34 @@ int ODBViewRep::displayRecordsAt(const CookieSet& ids, int at) {
 int ODBViewRep::displayTaggedRecordsAt(int at) {
   ODBBase* src = source();
   if (!src) return 0;
+  if (refuseWhileAnnouncing("displayTaggedRecordsAt")) return 0;
   const int n = std::max(src->get_num_tags(), 0);
-  if (n > INT_MAX - count_) return 0;
-  sizeIndexFor(count_ + n);
+  if (n > INT_MAX - index_.count()) return 0;
+  sizeIndexFor(index_.count() + n);
   if (n == 0) return 0;
-  at = clampPosition(at, count_);
-  std::memmove(index_ + at + n, index_ + at, static_cast<size_t>(count_ - at) * sizeof(*index_));
+  at = clampPosition(at, index_.count());
+  std::memmove(index_.data() + at + n, index_.data() + at,
+               static_cast<size_t>(index_.count() - at) * sizeof(ODBViewIndexEntry));
   // The source's tag count decides how many positions open; never write
   // past them should the tagged rows be more.
   int next = at;
   const unsigned int rows = rowLimit(src->get_num_records());
   for (unsigned int r = 0; r < rows && next < at + n; ++r)
     if (src->get_tag(r) != 0) index_[next++].row = r;
-  count_ += n;
+  index_.setCount(index_.count() + n);
   return n;
 }
 
 int ODBViewRep::displayAllFromAt(ODBViewRep* other, int at) {
   if (!other || baseView_ || !table_) return 0;
-  if (other->source() != static_cast<ODBBase*>(table_) || other->count_ == 0) return 0;
+  if (other->source() != static_cast<ODBBase*>(table_) || other->index_.count() == 0) return 0;
   // The records this view shows, so that "already shown" is one lookup.
   std::unordered_set<const dbrecord*> shown;
-  shown.reserve(static_cast<size_t>(count_) + static_cast<size_t>(other->count_));
-  for (int j = 0; j < count_; ++j)
+  shown.reserve(static_cast<size_t>(index_.count()) + static_cast<size_t>(other->index_.count()));
+  for (int j = 0; j < index_.count(); ++j)
     if (const dbrecord* r = (*this)[j]) shown.insert(r);
   std::vector<uint32_t> rows;
-  for (int i = 0; i < other->count_; ++i) {
+  for (int i = 0; i < other->index_.count(); ++i) {
     const dbrecord* r = (*other)[i];
     if (!r || !shown.insert(r).second) continue;
     rows.push_back(static_cast<uint32_t>(other->baseIndex(i)));
@@ -106,7 +110,7 @@ int ODBViewRep::displayAllFromAt(ODBViewRep* other, int at) {
 void ODBViewRep::displayAllRecords() {
   ODBBase* src = source();
   if (!src) return;
-  remove(0, count_);
+  remove(0, index_.count());
   displayRecordsAt(0, static_cast<int>(rowLimit(src->get_num_records())), 0);
 }
 
@@ -135,43 +139,43 @@ void ODBViewRep::setupViewTagsFromZyldbTagField() {
 
 int ODBViewRep::find(dbrecord* record) const {
   if (!source() || !record) return -1;
-  for (int j = 0; j < count_; ++j)
+  for (int j = 0; j < index_.count(); ++j)
     if ((*this)[j] == record) return j;
   return -1;
 }
 
 void ODBViewRep::tagAll(bool on) {
   if (!source()) return;
-  for (int j = 0; j < count_; ++j) index_[j].tag = on;
+  for (int j = 0; j < index_.count(); ++j) index_[j].tag = on;
 }
 
 void ODBViewRep::invertAllTags() {
   if (!source()) return;
-  for (int j = 0; j < count_; ++j) index_[j].tag = !index_[j].tag;
+  for (int j = 0; j < index_.count(); ++j) index_[j].tag = !index_[j].tag;
 }
 
 int ODBViewRep::countTags() const {
   if (!source()) return 0;
   int n = 0;
-  for (int j = 0; j < count_; ++j) n += index_[j].tag != 0;
+  for (int j = 0; j < index_.count(); ++j) n += index_[j].tag != 0;
   return n;
 }
 
 bool ODBViewRep::notTagged(int row) {
   if (!source()) return false;
-  return row < 0 || row >= count_ || !index_[row].tag;
+  return row < 0 || row >= index_.count() || !index_[row].tag;
 }
 
 bool ODBViewRep::tag(int row) {
   if (!source()) return false;
-  return row >= 0 && row < count_ && index_[row].tag;
+  return row >= 0 && row < index_.count() && index_[row].tag;
 }
 
 int ODBViewRep::tagMatches(int keep) {
   ODBBase* src = source();
-  if (!src || count_ == 0) return 0;
+  if (!src || index_.count() == 0) return 0;
   int n = 0;
-  for (int i = 0; i < count_; ++i) {
+  for (int i = 0; i < index_.count(); ++i) {
     if (src->match_record(static_cast<int>(index_[i].row)) != 0) {
       set_tag(static_cast<unsigned int>(i), 1);
       ++n;
@@ -183,7 +187,7 @@ int ODBViewRep::tagMatches(int keep) {
 }
 
 int ODBViewRep::tagDuplicatesOrdered(int field) {
-  if (!source() || count_ < 2) return 0;
+  if (!source() || index_.count() < 2) return 0;
   const unsigned short f = static_cast<unsigned short>(field);
   auto text = [&](int row) -> const char* {
     const dbrecord* r = (*this)[row];
@@ -192,7 +196,7 @@ int ODBViewRep::tagDuplicatesOrdered(int field) {
   };
   int prev = 0;
   int n = 0;
-  for (int i = 1; i < count_; ++i) {
+  for (int i = 1; i < index_.count(); ++i) {
     if (strcasecmp(text(i), text(prev)) != 0) {
       prev = i;
     } else {
@@ -226,5 +230,5 @@ int ODBViewRep::tagDuplicates(int field) {
 void ODBViewRep::tagBaseFromTags() {
   ODBBase* src = source();
   if (!src) return;
-  for (int i = 0; i < count_; ++i) src->set_tag(index_[i].row, index_[i].tag ? 1 : 0);
+  for (int i = 0; i < index_.count(); ++i) src->set_tag(index_[i].row, index_[i].tag ? 1 : 0);
 }

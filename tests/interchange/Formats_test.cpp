@@ -315,6 +315,10 @@ TEST(Formats, RegressionsFoundByFuzzing) {
   auto nul = readAle(std::string("Heading\nFIELD_DELIM \0x\tTABS\nColumn\nA\nData\n", 42), &err);
   ASSERT_TRUE(nul) << err.message;
   EXPECT_EQ(nul->getNumParams(), 0u);
+  // So does a column name, before it is mapped: "Start<NUL>x" is Start.
+  auto nulName = readAle(std::string("Column\nStart\0x\nData\n", 20), &err);
+  ASSERT_TRUE(nulName) << err.message;
+  EXPECT_THAT(namesOf(*nulName), ElementsAre("Start time"));
 }
 
 // ---- Names ----------------------------------------------------------------------

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <zyldb/platform/Logging.h>
+#include <zyldb/sexpr/SExpr.h>
 #include <zyldb/view/ODBView.h>
 #include <zyldb/view/ODBViewCursor.h>
 
@@ -212,6 +213,32 @@ TEST(ODBViewTest, FieldSpecs) {
   ODBView twice(new ODBViewRep(table.get(), "Name,Reel"));
   twice->fieldSpec("Scene");
   EXPECT_EQ(describe(*twice.rep()), "fieldSpec: Scene\nfields: (Reel Name Scene)\n");
+}
+
+// The fields of a spec come from one lookup table of column names; each must
+// be the column dbFieldIndex gives (the first of equal names). And a view of
+// 65 535 columns, which used to cost one scan of the columns per name, is
+// built with every one of them.
+TEST(ODBViewTest, FieldSpecLookupMatchesDbFieldIndex) {
+  auto table = makeTable(1, {"A", "B", "A", "C", "B"});
+  ODBView v(new ODBViewRep(table.get(), "B,A,C,B,X,A"));
+  std::vector<int> expected;
+  for (const char* name : {"B", "A", "C", "B", "A"}) expected.push_back(v->dbFieldIndex(name));
+  std::vector<int> got;
+  for (SExpr* cell = v->fields(); cell; cell = cell->next())
+    got.push_back(static_cast<int>(static_cast<SExprRef*>(cell->element())->field()));
+  EXPECT_EQ(got, expected);
+  EXPECT_EQ(expected, (std::vector<int>{1, 0, 3, 1, 0}));
+
+  std::vector<std::string> names;
+  for (int k = 0; k < 65535; ++k) names.push_back("c" + std::to_string(k));
+  std::vector<const char*> columns;
+  for (const std::string& n : names) columns.push_back(n.c_str());
+  auto wide = makeTable(1, columns);
+  ODBView all(new ODBViewRep(wide.get()));
+  int n = 0;
+  for (SExpr* cell = all->fields(); cell; cell = cell->next()) ++n;
+  EXPECT_EQ(n, 65535);
 }
 
 // Rows 1 and 3 of five are tagged; reels "A1" "a2" "B3" "b4" "C5".

@@ -45,6 +45,9 @@
 class dbrecord;
 class TextFile;
 class configb;
+namespace zyl {
+class RowDeletion;
+}
 
 // The caller's copy of a table's last load error (see read_error_info); the
 // codes are named in DBLoadError.
@@ -433,6 +436,9 @@ class ZYLDB_EXPORT zyldb : public ODBBase, public Notifier {
   const std::vector<size_t>* measuredWidths_ = nullptr;
 
  private:
+  // Deletes many runs of rows in one pass (src/db/RowDeletion_internal.h).
+  friend class zyl::RowDeletion;
+
   class CompiledQuery;  // the query prepared for one tag_matching_records
   void destroyRows() noexcept;
   void growRows(unsigned int newCapacity);

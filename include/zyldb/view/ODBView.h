@@ -18,7 +18,15 @@
 // registered with it drops or renumbers its entries and announces its own
 // lost rows to the views stacked on it, so a deletion reaches every view of
 // the table before delete_records returns. Insertions are not announced.
-// See docs/architecture/views.md for the messages and their order.
+// Deleting many runs (deleteTagged, deleteRecords, the table's
+// delete_tagged_records) costs O(n + m log n) for m rows under a view of n
+// rows: the table removes them in one pass and every view catches up in one
+// pass, while listeners get the messages of the run-by-run deletion.
+//
+// Listeners that edit: while a view delivers its deletion messages it refuses
+// changes to its rows (remove, insertions, sorting; a warning is logged and
+// nothing happens), and deletions that reach it meanwhile are applied after
+// the delivery. See "Re-entrant listeners" in docs/ARCHITECTURE.md.
 //
 // Ownership and lifetime:
 //  * A view does not own its table. Destroy (or unbind with odb(nullptr))
@@ -42,6 +50,7 @@
 #include <zyldb/platform/LightweightString.h>
 #include <zyldb/platform/Notifier.h>
 #include <zyldb/platform/QmPtr.h>
+#include <zyldb/view/ViewIndex.h>
 
 #include <cstdint>
 #include <vector>
@@ -53,12 +62,6 @@ class ODBViewRep;
 namespace zyl {
 struct ODBViewInternal;
 }
-
-// One view row: a row of the source and the view's tag (0 or 1) for it.
-struct ODBViewIndexEntry {
-  uint32_t row;
-  uint8_t tag;
-};
 
 class ZYLDB_EXPORT ODBViewRep : public ODBBase, public Notifier {
  public:
@@ -119,7 +122,7 @@ class ZYLDB_EXPORT ODBViewRep : public ODBBase, public Notifier {
   // The source row named by view row `row`, or -1 when out of range.
   int64_t sourceRow(int row) const;
   // The number of entries the index can hold.
-  int indexCapacity() const { return capacity_; }
+  int indexCapacity() const { return index_.capacity(); }
   // Empties the view, then appends every source row r that satisfies the
   // condition, then applies the sort order.
   void buildIndex();
@@ -240,8 +243,8 @@ class ZYLDB_EXPORT ODBViewRep : public ODBBase, public Notifier {
   int removeNonTagged();
   // Handles a "recordsDeleted" message from the source: renumbers the
   // entries after each listed row, drops the entries naming a listed row,
-  // announces each drop and then the closing list and "recordsChanged" (see
-  // docs/architecture/views.md). Returns 0.
+  // announces each drop (with the view as it stands after that drop) and then
+  // the closing list and "recordsChanged". Returns 0.
   int recordsDeletedNotify(const NotifyMsg& msg);
 
   // ---- Parameters, field spec, file name -------------------------------------
@@ -354,21 +357,24 @@ class ZYLDB_EXPORT ODBViewRep : public ODBBase, public Notifier {
  private:
   friend struct zyl::ODBViewInternal;
 
+  struct Unbound {};
+  explicit ODBViewRep(Unbound);
+
   // Notifier callbacks: filter what reaches recordsDeletedNotify.
   int onTableRecordsDeleted(const NotifyMsg& msg);
   int onBaseRecordsDeleted(const NotifyMsg& msg);
   Qm::Ptr<iObject> registerFor(Notifier& notifier, int (ODBViewRep::*method)(const NotifyMsg&));
   void storeParam(const char* name, const char* value);
-  void resizeIndex(int newCapacity, int keep);
-  void flushDeferredStacked();
-  void forgetDeferral();
+  void linkStacked(ODBViewRep* base) noexcept;
+  void unlinkStacked() noexcept;
+  // True (after a warning) when the view is announcing a deletion: its rows
+  // cannot change until the announcement is over.
+  bool refuseWhileAnnouncing(const char* what) const;
 
   uint32_t refCount_ = 0;
   ODBViewRep* baseView_ = nullptr;
   zyldb* table_ = nullptr;
-  int32_t count_ = 0;
-  int32_t capacity_ = 0;
-  ODBViewIndexEntry* index_ = nullptr;
+  zyl::ViewIndex index_;
   char* fieldSpecText_ = nullptr;
   LightweightString<wchar_t> fileName_;
   AssocList params_;
@@ -378,14 +384,22 @@ class ZYLDB_EXPORT ODBViewRep : public ODBBase, public Notifier {
   Qm::Ptr<iObject> tableRegistration_;
   Qm::Ptr<iObject> baseRegistration_;
 
-  // Batched deletion delivery (see recordsDeletedNotify): while this view
-  // announces a batch of lost rows, views stacked on it queue the messages
-  // and are brought up to date in one pass when the batch ends.
-  int32_t announcing_ = 0;                    // depth of batch announcements under way
-  bool announcingClosing_ = false;            // the message being issued is a closing list
-  std::vector<ODBViewRep*> deferredStacked_;  // stacked views with queued work
-  std::vector<int32_t> queuedRows_;           // queued per-row numbers, in order
-  std::vector<uint32_t> queuedGroupEnds_;     // end of each queued message
+  // Deletion delivery (see ODBView_edit.cpp). While a view announces lost
+  // rows (`announcing_`), the views stacked on it join the announcement and
+  // apply its list (`announced*_`) in one pass when the messages have gone;
+  // deletions that reach the view meanwhile wait in the queue.
+  ODBViewRep* firstStacked_ = nullptr;  // views stacked on this one
+  ODBViewRep* nextStacked_ = nullptr;   // the next view stacked on the same base
+  int32_t announcing_ = 0;
+  bool announcingClosing_ = false;  // the message being issued is a closing list
+  bool joinedBase_ = false;         // waits for the base view's announcement to end
+  bool joinedTable_ = false;        // waits for the table's deletion to end
+  bool lost_ = false;               // a deletion could not be queued
+  std::vector<int32_t> announcedRows_;
+  std::vector<uint32_t> announcedEnds_;
+  std::vector<ODBViewRep*> deferredStacked_;
+  std::vector<int32_t> queuedRows_;
+  std::vector<uint32_t> queuedGroupEnds_;
 };
 
 // A handle sharing one ODBViewRep through its reference count. An empty
