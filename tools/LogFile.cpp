@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <zyldb/db/dbrecord.h>
 #include <zyldb/interchange/Interchange.h>
+#include <zyldb/platform/OS.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -451,9 +452,8 @@ std::string OpenLog::describe(const Problem& p) const {
 
 std::string OpenLog::shownName() const { return path == "-" ? "stdin" : path; }
 
-LightweightString<wchar_t> widePath(const std::string& path) {
-  return fromUTF8(LightweightString<char>(path));
-}
+// Names from the command line keep their bytes, valid UTF-8 or not.
+LightweightString<wchar_t> widePath(const std::string& path) { return zyl::pathFromBytes(path); }
 
 OpenLog openLog(const std::string& path, const OpenOptions& options) {
   OpenLog log;
