@@ -22,6 +22,7 @@
 #include <string>
 
 #include "platform/PosixFileService_internal.h"
+#include "platform/TextUtil_internal.h"
 
 zyl::FileService::~FileService() = default;
 
@@ -74,22 +75,7 @@ std::string pathToBytes(const LightweightString<wchar_t>& path) {
       out.push_back(static_cast<char>(cp - 0xDC00));
       continue;
     }
-    if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
-    if (cp < 0x80) {
-      out.push_back(static_cast<char>(cp));
-    } else if (cp < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else if (cp < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    }
+    zyl::detail::appendUtf8(out, cp);
   }
   return out;
 }
