@@ -54,8 +54,6 @@ char32_t decodeUtf8(std::string_view s, size_t& pos) {
   return cp;
 }
 
-namespace {
-
 void appendUtf8(std::string& out, char32_t cp) {
   if (cp < 0x80) {
     out += static_cast<char>(cp);
@@ -73,6 +71,8 @@ void appendUtf8(std::string& out, char32_t cp) {
     out += static_cast<char>(0x80 | (cp & 0x3F));
   }
 }
+
+namespace {
 
 // The terminal width of one character, as the C library's wcwidth gives it
 // under a UTF-8 locale (main sets one): 2 for wide East Asian characters and

@@ -26,6 +26,8 @@ struct Grid {
 // overlong, surrogate or truncated sequence yields U+FFFD and advances one
 // byte. REQUIRES: pos < text.size().
 char32_t decodeUtf8(std::string_view text, size_t& pos);
+// Appends the UTF-8 form of code point `cp` (at most four bytes).
+void appendUtf8(std::string& out, char32_t cp);
 
 // The width of a text on a terminal, after displayText, from the C
 // library's wcwidth (main sets a UTF-8 LC_CTYPE): two for wide East Asian
