@@ -11,24 +11,10 @@
 #include <cstdlib>
 #include <string>
 
-namespace {
+#include "FuzzOracle.h"
 
-void check(bool ok) {
-  if (!ok) std::abort();
-}
-
-bool sameTable(const zyldb& a, const zyldb& b) {
-  if (a.get_num_fields() != b.get_num_fields() || a.get_num_records() != b.get_num_records())
-    return false;
-  for (unsigned int c = 0; c < a.get_num_fields(); ++c)
-    if (std::string(a.get_fieldname(c)) != b.get_fieldname(c)) return false;
-  for (unsigned int r = 0; r < a.get_num_records(); ++r)
-    for (unsigned int c = 0; c < a.get_num_fields(); ++c)
-      if (a.getField(r, c).view() != b.getField(r, c).view()) return false;
-  return true;
-}
-
-}  // namespace
+using zyl::fuzz::check;
+using zyl::fuzz::sameTable;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace zyl::interchange;
