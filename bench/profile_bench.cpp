@@ -68,8 +68,7 @@ const char* const kWords[] = {"the",   "rain", "on",   "glass", "actor", "enters
                               "close", "wide", "slow", "pan",   "light", "Scene",  "boom",
                               "in",    "shot", "of",   "and",   "door",  "street", "night"};
 const char* const kForeign[] = {"caf\xc3\xa9",
-                                "\xc3\xbc"
-                                "ber",
+                                "\xc3\xbc\x62\x65\x72",  // "über"
                                 "\xe6\x97\xa5\xe6\x9c\xac",
                                 "\xd0\xbc\xd0\xb8\xd1\x80",
                                 "se\xc3\xb1or",
