@@ -220,13 +220,13 @@ py::list rowsOf(const ODBBase& src) {
 
 std::vector<DBFieldDesc> columnSpecs(const py::iterable& columns) {
   std::vector<DBFieldDesc> descs;
-  for (py::handle spec : columns) {
+  for (py::handle column : columns) {
     DBFieldDesc d;
-    if (py::isinstance<py::str>(spec)) {
-      d.name = LightweightString<char>(fromPython(spec));
+    if (py::isinstance<py::str>(column)) {
+      d.name = LightweightString<char>(fromPython(column));
       d.type = DBFieldTypes::text;
     } else {
-      py::sequence seq = py::reinterpret_borrow<py::sequence>(spec);
+      py::sequence seq = py::reinterpret_borrow<py::sequence>(column);
       if (seq.size() < 1) throw py::value_error("a column is a name or (name, type)");
       d.name = LightweightString<char>(fromPython(seq[0]));
       d.type = seq.size() > 1 ? typeOf(fromPython(seq[1])) : DBFieldTypes::text;

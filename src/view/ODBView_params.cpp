@@ -86,7 +86,7 @@ void ODBViewRep::fieldSpec(const char* text) {
   if (!fieldSpecText_) return;
   std::memcpy(fieldSpecText_, text, n + 1);
 
-  // The source's columns by name (the first of equal names), so that a spec
+  // The source's columns by name (the first of equal names), so that a field list
   // naming every one of many columns costs linear time rather than one scan
   // of the columns per name. Same answers as dbFieldIndex.
   std::unordered_map<std::string_view, int> byName;

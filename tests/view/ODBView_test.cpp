@@ -215,7 +215,7 @@ TEST(ODBViewTest, FieldSpecs) {
   EXPECT_EQ(describe(*twice.rep()), "fieldSpec: Scene\nfields: (Reel Name Scene)\n");
 }
 
-// The fields of a spec come from one lookup table of column names; each must
+// The fields of a field list come from one lookup table of column names; each must
 // be the column dbFieldIndex gives (the first of equal names). And a view of
 // 65 535 columns, which used to cost one scan of the columns per name, is
 // built with every one of them.
